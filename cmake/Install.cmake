@@ -24,6 +24,8 @@ install(FILES
   ${PROJECT_BINARY_DIR}/MolvaneAVConfigVersion.cmake
   DESTINATION ${MOLVANEAV_CMAKE_DIR})
 
+file(RELATIVE_PATH MOLVANEAV_PC_TO_PREFIX
+  ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(${PROJECT_SOURCE_DIR}/cmake/molvaneav.pc.in
   ${PROJECT_BINARY_DIR}/molvaneav.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/molvaneav.pc

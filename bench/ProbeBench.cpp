@@ -1,0 +1,91 @@
+// Cost of probing: ParseMedia against FFmpeg's own open + stream-info on the
+// same file, and on a 10-minute clip against a 10-second clip of the same
+// encoding (opening must not grow with the length of the file).
+
+#include <MolvaneAV/MediaInfo.h>
+#include <MolvaneAV/MediaReader.h>
+
+#include "RatioReporter.h"
+#include "support/MediaFixtures.h"
+
+extern "C" {
+#include <libavformat/avformat.h>
+}
+
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+namespace {
+
+QTemporaryDir& Folder()
+{
+    static QTemporaryDir folder;
+    return folder;
+}
+
+// H.264 + AAC in MP4, as phones and editors write it, at a small size so the
+// ten-minute clip is quick to make.
+QString Clip(int seconds)
+{
+    const QString path = Folder().filePath(QStringLiteral("clip_%1s.mp4").arg(seconds));
+    if (QFile::exists(path))
+        return path;
+    molvane::test::MediaSpec spec;
+    spec.container = QStringLiteral("mp4");
+    molvane::test::VideoSpec video;
+    video.width = 160;
+    video.height = 96;
+    video.frames = seconds * 25;
+    video.gop = 50;
+    video.options = {{"preset", "ultrafast"}};
+    spec.video.push_back(video);
+    molvane::test::AudioSpec audio;
+    audio.sampleRate = 48000;
+    audio.sampleFrames = int64_t(seconds) * 48000;
+    spec.audio.push_back(audio);
+    QString error;
+    if (!molvane::test::WriteMedia(spec, path, &error)) {
+        std::fprintf(stderr, "cannot write %s: %s\n", qPrintable(path), qPrintable(error));
+        std::exit(1);
+    }
+    return path;
+}
+
+void ParseMedia(benchmark::State& state, int seconds)
+{
+    const QString path = Clip(seconds);
+    for (auto _ : state) {
+        auto info = std::make_shared<MediaInfo>(path);
+        if (!MediaReader::ParseMedia(info))
+            state.SkipWithError("ParseMedia failed");
+    }
+}
+
+void OpenAndFindStreamInfo(benchmark::State& state, int seconds)
+{
+    const std::string path = Clip(seconds).toStdString();
+    for (auto _ : state) {
+        AVFormatContext* context = nullptr;
+        if (avformat_open_input(&context, path.c_str(), nullptr, nullptr) < 0 ||
+            avformat_find_stream_info(context, nullptr) < 0)
+            state.SkipWithError("FFmpeg could not open the clip");
+        avformat_close_input(&context);
+    }
+}
+
+BENCHMARK_CAPTURE(OpenAndFindStreamInfo, 10s, 10)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(ParseMedia, 10s, 10)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(ParseMedia, 600s, 600)->Unit(benchmark::kMillisecond);
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    return molvane::bench::RunWithRatios(argc, argv,
+        {{"ParseMedia / open+find_stream_info (10 s clip)", "ParseMedia/10s", "OpenAndFindStreamInfo/10s"},
+         {"ParseMedia 10-minute / 10-second clip", "ParseMedia/600s", "ParseMedia/10s"}});
+}
