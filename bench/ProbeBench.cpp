@@ -79,6 +79,7 @@ void OpenAndFindStreamInfo(benchmark::State& state, int seconds)
 
 BENCHMARK_CAPTURE(OpenAndFindStreamInfo, 10s, 10)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(ParseMedia, 10s, 10)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(OpenAndFindStreamInfo, 600s, 600)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(ParseMedia, 600s, 600)->Unit(benchmark::kMillisecond);
 
 } // namespace
@@ -87,5 +88,8 @@ int main(int argc, char** argv)
 {
     return molvane::bench::RunWithRatios(argc, argv,
         {{"ParseMedia / open+find_stream_info (10 s clip)", "ParseMedia/10s", "OpenAndFindStreamInfo/10s"},
-         {"ParseMedia 10-minute / 10-second clip", "ParseMedia/600s", "ParseMedia/10s"}});
+         {"ParseMedia / open+find_stream_info (10 min clip)", "ParseMedia/600s", "OpenAndFindStreamInfo/600s"},
+         {"ParseMedia 10-minute / 10-second clip", "ParseMedia/600s", "ParseMedia/10s"},
+         {"open+find_stream_info 10-minute / 10-second clip", "OpenAndFindStreamInfo/600s",
+          "OpenAndFindStreamInfo/10s"}});
 }

@@ -14,7 +14,7 @@ int main(int argc, char** argv)
 {
     if (argc == 2 && QString::fromLocal8Bit(argv[1]) == QLatin1String("--list")) {
         for (FixtureId id : AllFixtures())
-            std::printf("%s\n", qPrintable(GetFixture(id).name));
+            std::printf("%s\n", qPrintable(FixtureName(id)));
         return 0;
     }
     if (argc != 3) {
@@ -24,9 +24,9 @@ int main(int argc, char** argv)
     const QString name = QString::fromLocal8Bit(argv[1]);
     const QString target = QString::fromLocal8Bit(argv[2]);
     for (FixtureId id : AllFixtures()) {
-        const Fixture& fixture = GetFixture(id);
-        if (fixture.name != name)
+        if (FixtureName(id) != name)
             continue;
+        const Fixture& fixture = GetFixture(id);
         QFile::remove(target);
         if (!QFile::copy(fixture.path, target)) {
             std::fprintf(stderr, "cannot write %s\n", qPrintable(target));

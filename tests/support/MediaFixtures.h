@@ -61,7 +61,7 @@ enum class FixtureId {
     Mpeg1Ps,        // MPEG-1 video 320x240 25 fps + MP2, MPEG program stream
     LateStartTs,    // MPEG-TS, H.264 + MP2, everything starts at 10 s
     MultiStreamMkv, // Matroska: H.264 320x240, MPEG-4 160x120, PCM, SubRip
-    NegativeStart,  // Matroska, H.264, first frame at -80 ms
+    NegativeStart,  // MPEG-TS, H.264, first frame at -80 ms
     Ntsc2997,       // H.264 at 30000/1001, 60 frames, MP4 (declares nb_frames)
     Anamorphic,     // H.264 720x576 with sample aspect 64:45, MP4
     Rotated90,      // H.264 320x240 in MP4 with a display matrix: rotate 90 clockwise
@@ -70,13 +70,15 @@ enum class FixtureId {
     WavFloat,       // pcm_f32le stereo 44100 Hz, 1 s, positional (float mapping)
     WavSixChannels, // pcm_s16le 5.1 48 kHz, 1 s, positional
     PngStill,       // one 320x240 RGB PNG picture
-    NoPackets,      // Matroska with one H.264 320x240 stream and no packets
+    NoPackets,      // MP4 (fragmented, header only): one H.264 320x240 stream, no packets
 };
 
 // Made on first use, once per process, then cached; safe to call from any
 // thread. Throws std::runtime_error when FFmpeg cannot write the file.
 const Fixture& GetFixture(FixtureId id);
 std::vector<FixtureId> AllFixtures();
+// The fixture's short id, without making the file (for test names).
+QString FixtureName(FixtureId id);
 // Folder the fixtures go to; removed at exit unless MOLVANE_KEEP_FIXTURES is
 // set, in which case its path is printed to stderr and it is kept.
 QString FixtureDirectory();
