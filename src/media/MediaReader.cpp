@@ -58,6 +58,40 @@ void AddRotateTag(const AVStream* stream, QMap<QString, QString>& metadata)
     metadata.insert(key, QString::number(degrees));
 }
 
+// What to say when a stream's decoder cannot be opened; the video and audio
+// readers word their failures differently.
+struct OpenFailureMessages {
+    const char* noContext;
+    const char* noDecoder;
+    const char* notOpened;
+};
+
+// Opens the decoder of one container stream on a context of its own. Null,
+// with one message logged, when any step fails.
+CodecContextPtr OpenStreamDecoder(const AVStream* stream, bool decoderChoosesThreads,
+                                  const OpenFailureMessages& messages)
+{
+    CodecContextPtr codecContext(avcodec_alloc_context3(nullptr));
+    if (!codecContext || avcodec_parameters_to_context(codecContext.get(), stream->codecpar) < 0) {
+        Logger::GetInstance()->Error(messages.noContext);
+        return nullptr;
+    }
+    if (decoderChoosesThreads)
+        codecContext->thread_count = 0;
+
+    molvane::compat::Codec* decoder = avcodec_find_decoder(codecContext->codec_id);
+    if (decoder == nullptr) {
+        Logger::GetInstance()->Error(messages.noDecoder);
+        return nullptr;
+    }
+    const int result = avcodec_open2(codecContext.get(), decoder, nullptr);
+    if (result < 0) {
+        Logger::GetInstance()->Error(QString::fromUtf8(messages.notOpened), result);
+        return nullptr;
+    }
+    return codecContext;
+}
+
 } // namespace
 
 MediaReader::MediaReader() = default;
@@ -167,27 +201,14 @@ bool MediaReader::ParseVideoProperties(std::shared_ptr<MediaInfo> info, AVFormat
         return false;
     const AVStream* stream = context->streams[streamIndex];
 
-    CodecContextPtr codecContext(avcodec_alloc_context3(nullptr));
-    if (!codecContext || avcodec_parameters_to_context(codecContext.get(), stream->codecpar) < 0) {
-        Logger::GetInstance()->Error("Failed to get video codec context.");
+    const CodecContextPtr codecContext = OpenStreamDecoder(
+        stream, true, {"Failed to get video codec context.", "Video decoder not found.", "Failed to open video codec."});
+    if (!codecContext)
         return false;
-    }
-    codecContext->thread_count = 0;
-
-    molvane::compat::Codec* decoder = avcodec_find_decoder(codecContext->codec_id);
-    if (decoder == nullptr) {
-        Logger::GetInstance()->Error("Video decoder not found.");
-        return false;
-    }
-    const int result = avcodec_open2(codecContext.get(), decoder, nullptr);
-    if (result < 0) {
-        Logger::GetInstance()->Error(QStringLiteral("Failed to open video codec."), result);
-        return false;
-    }
 
     VideoStream& record = info->videoStreams.last();
     record.index = static_cast<int>(streamIndex);
-    record.codecName = QString::fromUtf8(decoder->name);
+    record.codecName = QString::fromUtf8(codecContext->codec->name);
     record.width = codecContext->width;
     record.height = codecContext->height;
     const AVRational aspect = codecContext->sample_aspect_ratio;
@@ -230,29 +251,17 @@ bool MediaReader::ParseAudioProperties(std::shared_ptr<MediaInfo> info, AVFormat
         return false;
     const AVStream* stream = context->streams[streamIndex];
 
-    CodecContextPtr codecContext(avcodec_alloc_context3(nullptr));
-    if (!codecContext || avcodec_parameters_to_context(codecContext.get(), stream->codecpar) < 0) {
-        Logger::GetInstance()->Error("Failed to get audio codec.");
+    const CodecContextPtr codecContext = OpenStreamDecoder(
+        stream, false, {"Failed to get audio codec.", "Audio decoder not found.", "Failed to open audio codec."});
+    if (!codecContext)
         return false;
-    }
-
-    molvane::compat::Codec* decoder = avcodec_find_decoder(codecContext->codec_id);
-    if (decoder == nullptr) {
-        Logger::GetInstance()->Error("Audio decoder not found.");
-        return false;
-    }
-    const int result = avcodec_open2(codecContext.get(), decoder, nullptr);
-    if (result < 0) {
-        Logger::GetInstance()->Error(QStringLiteral("Failed to open audio codec."), result);
-        return false;
-    }
 
     AudioStream& record = info->audioStreams.last();
     const int channels = molvane::compat::ChannelCount(codecContext.get());
     const uint64_t layout = molvane::compat::ChannelLayoutMask(codecContext.get());
     const AVSampleFormat format = codecContext->sample_fmt;
     record.index = static_cast<int>(streamIndex);
-    record.codecName = QString::fromUtf8(decoder->name);
+    record.codecName = QString::fromUtf8(codecContext->codec->name);
     record.channelCount = channels;
     record.channelLayout = layout != 0 ? layout : molvane::compat::DefaultChannelLayout(channels);
     record.isPlanar = av_sample_fmt_is_planar(format) != 0;

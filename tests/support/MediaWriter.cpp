@@ -453,7 +453,12 @@ void Write(const MediaSpec& spec, const QString& path)
 
 } // namespace
 
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(__has_feature)
+#  if __has_feature(address_sanitizer)
+#    define MOLVANE_TEST_ASAN 1
+#  endif
+#endif
+#if defined(__SANITIZE_ADDRESS__) || defined(MOLVANE_TEST_ASAN)
 // libx265 keeps a few allocations from every encoder it opens; they are its
 // own, not ours, and would fail every test that writes H.265 under LSan.
 extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions()
