@@ -10,6 +10,8 @@ extern "C" {
 #include <libavformat/avformat.h>
 #include <libavutil/channel_layout.h>
 #include <libavutil/display.h>
+#include <libavutil/opt.h>
+#include <libswresample/swresample.h>
 }
 
 #include <cstdint>
@@ -71,6 +73,36 @@ inline uint64_t DefaultChannelLayout(int channels)
     return mask;
 #else
     return static_cast<uint64_t>(av_get_default_channel_layout(channels));
+#endif
+}
+
+inline int ChannelCount(const AVFrame* frame)
+{
+#if LIBAVUTIL_VERSION_INT >= AV_VERSION_INT(57, 28, 100)
+    return frame->ch_layout.nb_channels;
+#else
+    return frame->channels;
+#endif
+}
+
+// Input and output channel layouts of a resampler, as layout masks. FFmpeg 4
+// took them as the integer options "in_channel_layout"/"out_channel_layout";
+// FFmpeg 5.1 keeps those (deprecated) beside the AVChannelLayout options, and
+// later versions drop them.
+inline void SetResamplerChannelLayouts(SwrContext* resampler, uint64_t inLayout, uint64_t outLayout)
+{
+#if LIBSWRESAMPLE_VERSION_MAJOR < 5
+    av_opt_set_int(resampler, "in_channel_layout", static_cast<int64_t>(inLayout), 0);
+    av_opt_set_int(resampler, "out_channel_layout", static_cast<int64_t>(outLayout), 0);
+#else
+    AVChannelLayout in = {};
+    AVChannelLayout out = {};
+    av_channel_layout_from_mask(&in, inLayout);
+    av_channel_layout_from_mask(&out, outLayout);
+    av_opt_set_chlayout(resampler, "in_chlayout", &in, 0);
+    av_opt_set_chlayout(resampler, "out_chlayout", &out, 0);
+    av_channel_layout_uninit(&in);
+    av_channel_layout_uninit(&out);
 #endif
 }
 

@@ -4,6 +4,7 @@
 
 #include "foundation/FfmpegCompat.h"
 #include "foundation/FfmpegGuards.h"
+#include "media/StartTimeProbe.h"
 
 #include <QFileInfo>
 
@@ -163,10 +164,12 @@ bool MediaReader::ParseMedia(std::shared_ptr<MediaInfo> info)
         }
     }
 
-    // An image has no timeline; the start times of movies come from their
-    // first decoded frames.
+    // An image has no timeline and is probed without reading a packet; the
+    // start times of movies come from their first decoded frames.
     if (info->isImage)
         info->duration = -1;
+    else
+        molvane::ProbeStartTimes(*info, context.get());
 
     context.reset();
     info->initialized = true;
