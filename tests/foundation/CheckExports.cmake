@@ -2,7 +2,8 @@
 # or when one of those classes is missing from the export table.
 set(ALLOWED AvGlobals MediaInfo MediaReader Logger Settings AudioStream VideoStream
             MediaInstance DecodedVideoFrame DecodedAudioFrame DecodedVideo DecodedAudio)
-set(REQUIRED AvGlobals MediaInfo MediaReader Logger Settings AudioStream VideoStream)
+set(REQUIRED AvGlobals MediaInfo MediaReader Logger Settings AudioStream VideoStream
+             DecodedVideoFrame DecodedAudioFrame)
 
 execute_process(COMMAND nm -DC --defined-only ${LIBRARY}
   OUTPUT_VARIABLE symbols RESULT_VARIABLE result)
