@@ -76,6 +76,8 @@ bool AudioDecoder::Setup(AVCodecContext* context, const AVRational& timeBase, in
     if (context == nullptr)
         return false;
 
+    // Set up again without a Reset in between: release the old buffers.
+    Reset();
     codecContext = context;
     frame = av_frame_alloc();
     resampler = swr_alloc();

@@ -84,6 +84,8 @@ bool VideoDecoder::Setup(AVCodecContext* context, const AVRational& timeBase, in
     if (context == nullptr)
         return false;
 
+    // Set up again without a Reset in between: release the old buffers.
+    Reset();
     codecContext = context;
     startOffset = offset;
     microsecondsPerTick = molvane::MicrosecondsPerTick(timeBase.num, timeBase.den);
