@@ -3,7 +3,7 @@
 set(ALLOWED AvGlobals MediaInfo MediaReader Logger Settings AudioStream VideoStream
             MediaInstance DecodedVideoFrame DecodedAudioFrame DecodedVideo DecodedAudio)
 set(REQUIRED AvGlobals MediaInfo MediaReader Logger Settings AudioStream VideoStream
-             DecodedVideoFrame DecodedAudioFrame)
+             DecodedVideoFrame DecodedAudioFrame MediaInstance)
 
 execute_process(COMMAND nm -DC --defined-only ${LIBRARY}
   OUTPUT_VARIABLE symbols RESULT_VARIABLE result)
