@@ -1,9 +1,10 @@
 # Fails when libMolvaneAV exports a symbol outside the host-facing classes,
 # or when one of those classes is missing from the export table.
 set(ALLOWED AvGlobals MediaInfo MediaReader Logger Settings AudioStream VideoStream
-            MediaInstance DecodedVideoFrame DecodedAudioFrame DecodedVideo DecodedAudio)
+            MediaInstance DecodedVideoFrame DecodedAudioFrame DecodedVideo DecodedAudio
+            TimeOrderedFrameList)
 set(REQUIRED AvGlobals MediaInfo MediaReader Logger Settings AudioStream VideoStream
-             DecodedVideoFrame DecodedAudioFrame MediaInstance)
+             DecodedVideoFrame DecodedAudioFrame MediaInstance DecodedVideo)
 
 execute_process(COMMAND nm -DC --defined-only ${LIBRARY}
   OUTPUT_VARIABLE symbols RESULT_VARIABLE result)
