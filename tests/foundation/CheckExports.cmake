@@ -4,7 +4,7 @@ set(ALLOWED AvGlobals MediaInfo MediaReader Logger Settings AudioStream VideoStr
             MediaInstance DecodedVideoFrame DecodedAudioFrame DecodedVideo DecodedAudio
             TimeOrderedFrameList)
 set(REQUIRED AvGlobals MediaInfo MediaReader Logger Settings AudioStream VideoStream
-             DecodedVideoFrame DecodedAudioFrame MediaInstance DecodedVideo)
+             DecodedVideoFrame DecodedAudioFrame MediaInstance DecodedVideo DecodedAudio)
 
 execute_process(COMMAND nm -DC --defined-only ${LIBRARY}
   OUTPUT_VARIABLE symbols RESULT_VARIABLE result)

@@ -1,0 +1,367 @@
+#include <MolvaneAV/DecodedAudio.h>
+
+#include <QMutexLocker>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+namespace {
+
+// Drift within this much of the play position is no drift (µs).
+constexpr int64_t kDriftTolerance = 9999;
+// Measurements averaged before a correction.
+constexpr int32_t kDriftMeasurements = 5;
+// An average beyond this is corrected (µs).
+constexpr int64_t kDriftCorrectionThreshold = 10000;
+
+int16_t Scaled(int16_t value, double volume)
+{
+    const double scaled = std::clamp(static_cast<double>(value) * volume, -32768.0, 32767.0);
+    return static_cast<int16_t>(std::trunc(scaled));
+}
+
+} // namespace
+
+DecodedAudio::DecodedAudio()
+    : TimeOrderedFrameList<DecodedAudioFrame>(0),
+      paFrameIndex(-1),
+      paSamples(nullptr),
+      paFrameStart(0),
+      paRemainingFrames(0),
+      paDiffCounter(0),
+      paDiffSum(0),
+      paFlushCount(0),
+      paSeenFlushCount(0),
+      paSpeedAccumulator(0.0)
+{
+}
+
+DecodedAudio::~DecodedAudio()
+{
+    ForceClear();
+}
+
+void DecodedAudio::SetMaxFrameCount(int count)
+{
+    QMutexLocker lock(&mutex);
+    // Two slots are the least the ring works with.
+    const int slots = count == 1 ? 2 : std::max(count, 0);
+    const int frames = GetFrameCount();
+    if (frames > 0) {
+        // Keep the frames, in order from slot 0, with one slot to spare.
+        QVector<FramePtr> packed(std::max(slots, frames + 1));
+        const QVector<FramePtr>& active = frameBuffers[activeBuffer];
+        for (int n = 0, slot = firstIndex; n < frames; ++n, slot = SlotAfter(slot))
+            packed[n] = active.at(slot);
+        frameBuffers[activeBuffer] = std::move(packed);
+        firstIndex = 0;
+        lastIndex = frames - 1;
+        // The fill's slot index means nothing in the new vector.
+        ++paFlushCount;
+    } else {
+        frameBuffers[activeBuffer].resize(slots);
+    }
+    frameBuffers[retiredBuffer].resize(slots);
+}
+
+void DecodedAudio::PushBack(std::shared_ptr<DecodedAudioFrame> frame)
+{
+    if (lastIndex < 0) {
+        firstIndex = lastIndex = 0;
+    } else {
+        DecodedAudioFrame& last = *frameBuffers[activeBuffer][lastIndex];
+        // Frames from different runs of audio are cut or padded to meet;
+        // a frame without samples has no channel count to do it with.
+        if (frame->continuityTag != last.continuityTag && last.samplesPerChannel > 0) {
+            const int64_t gap = frame->startTime - last.endTime - 1;
+            const int32_t channels = last.sampleCount / last.samplesPerChannel;
+            const int32_t before = last.sampleCount;
+            last.samplesPerChannel += static_cast<int32_t>(static_cast<int64_t>(last.sampleRate) * gap / 1000000);
+            last.sampleCount = last.samplesPerChannel * channels;
+            totalSize += last.sampleCount - before;
+        }
+        last.endTime = frame->startTime - 1;
+        lastIndex = SlotAfter(lastIndex);
+    }
+    totalSize += frame->sampleCount;
+    frameBuffers[activeBuffer][lastIndex] = std::move(frame);
+}
+
+void DecodedAudio::PushFront(std::shared_ptr<DecodedAudioFrame> frame)
+{
+    if (firstIndex < 0) {
+        firstIndex = lastIndex = 0;
+    } else {
+        const DecodedAudioFrame& first = *frameBuffers[activeBuffer][firstIndex];
+        if (frame->continuityTag != first.continuityTag && frame->samplesPerChannel > 0) {
+            const int64_t gap = startTime - frame->endTime - 1;
+            const int32_t channels = frame->sampleCount / frame->samplesPerChannel;
+            frame->samplesPerChannel +=
+                static_cast<int32_t>(static_cast<int64_t>(frame->sampleRate) * gap / 1000000);
+            frame->sampleCount = frame->samplesPerChannel * channels;
+        }
+        frame->endTime = startTime - 1;
+        firstIndex = SlotBefore(firstIndex);
+    }
+    totalSize += frame->sampleCount;
+    frameBuffers[activeBuffer][firstIndex] = std::move(frame);
+}
+
+void DecodedAudio::AppendFrame(std::shared_ptr<DecodedAudioFrame> frame)
+{
+    QMutexLocker lock(&mutex);
+    ReleaseRetiredSlots();
+    if (GetMaxFrameCount() < 1)
+        return;
+    if (!frame) {
+        ClearLocked();
+        return;
+    }
+    if (frame->startTime < 0) {
+        if (frame->endTime < 0)
+            return;
+        frame->startTime = 0;
+    }
+    if (firstIndex < 0 || GetFrameCount() == 0) {
+        PushBack(std::move(frame));
+        UpdateStartEndTimes();
+        return;
+    }
+
+    const FramePtr oldest = FirstFrame();
+    const FramePtr newest = LastFrame();
+    if (frame->startTime == oldest->startTime || frame->startTime == newest->startTime)
+        return;
+
+    // Grow while one slot is still free; the fill's slot index then points
+    // into the old vector, so it must find its place again.
+    if (GetFrameCount() == GetMaxFrameCount() - 1) {
+        InstallSlots(GrownSlots());
+        ++paFlushCount;
+    }
+
+    if (frame->startTime > newest->startTime)
+        PushBack(std::move(frame));
+    else if (frame->startTime < startTime)
+        PushFront(std::move(frame));
+    UpdateStartEndTimes();
+}
+
+void DecodedAudio::UpdateCache(long long fromTime, long long toTime)
+{
+    QMutexLocker lock(&mutex);
+    if (firstIndex < 0)
+        return;
+    while (FirstFrame() && FirstFrame()->endTime < fromTime)
+        PopFront();
+    while (LastFrame() && LastFrame()->startTime > toTime)
+        PopBack();
+}
+
+void DecodedAudio::ClearLocked()
+{
+    ClearList();
+    ++paFlushCount;
+}
+
+void DecodedAudio::ForceClearLocked()
+{
+    ForceClearList();
+    ++paFlushCount;
+}
+
+void DecodedAudio::Clear()
+{
+    QMutexLocker lock(&mutex);
+    ClearLocked();
+}
+
+void DecodedAudio::ForceClear()
+{
+    QMutexLocker lock(&mutex);
+    ForceClearLocked();
+}
+
+void DecodedAudio::FlushPaBuffer()
+{
+    QMutexLocker lock(&mutex);
+    ++paFlushCount;
+}
+
+void DecodedAudio::PaResetDiffCounter()
+{
+    paDiffCounter = 0;
+    paDiffSum = 0;
+}
+
+bool DecodedAudio::IsInList(int slot) const
+{
+    if (firstIndex < 0 || slot < 0 || slot >= GetMaxFrameCount())
+        return false;
+    if (IsWrapped())
+        return slot >= firstIndex || slot <= lastIndex;
+    return slot >= firstIndex && slot <= lastIndex;
+}
+
+int DecodedAudio::GetNextFrameIndex(int slot) const
+{
+    if (slot < 0)
+        return -1;
+    const int next = slot + 1;
+    if (next >= GetMaxFrameCount())
+        return lastIndex >= 0 ? 0 : -1;
+    return next >= firstIndex || next <= lastIndex ? next : -1;
+}
+
+int DecodedAudio::GetPreviousFrameIndex(int slot) const
+{
+    const int previous = slot - 1;
+    if (previous < 0)
+        return IsWrapped() ? GetMaxFrameCount() - 1 : -1;
+    return previous >= firstIndex || previous <= lastIndex ? previous : -1;
+}
+
+bool DecodedAudio::FetchFrame(long long playTime, int sampleRate)
+{
+    const QVector<FramePtr>& slots = frameBuffers[activeBuffer];
+    if (paFrameIndex == -1) {
+        paFrameIndex = GetFrameIndex(playTime);
+        const FramePtr frame = paFrameIndex >= 0 ? slots.at(paFrameIndex) : FramePtr();
+        paCurrentFrame = frame;
+        if (!frame)
+            return false;
+        paSamples = frame->samples;
+        paFrameStart = frame->startTime;
+        paRemainingFrames = frame->samplesPerChannel -
+                            static_cast<int32_t>(static_cast<int64_t>(sampleRate) * (playTime - frame->startTime) / 1000000);
+        return true;
+    }
+
+    const int next = paFrameIndex + 1 >= slots.size() ? 0 : paFrameIndex + 1;
+    if (!IsInList(next) || !slots.at(next)) {
+        // Past the newest frame: forget the position, so the next call
+        // finds its frame by time. Walking on slot by slot instead would
+        // pass over frames appended meanwhile and never play them.
+        paCurrentFrame.reset();
+        paSamples = nullptr;
+        paFrameIndex = -1;
+        return false;
+    }
+    paFrameIndex = next;
+    paCurrentFrame = slots.at(next);
+    paSamples = paCurrentFrame->samples;
+    paFrameStart = paCurrentFrame->startTime;
+    paRemainingFrames = paCurrentFrame->samplesPerChannel;
+    return true;
+}
+
+int DecodedAudio::PaFillBuffer(short* buffer, int frameCount, int channelCount, int sampleRate,
+                               long long playTime, double volume, bool reset, double speed)
+{
+    if (buffer == nullptr || frameCount < 1 || channelCount < 1)
+        return 0;
+    QMutexLocker lock(&mutex);
+
+    int framesWritten = 0;
+    const auto fillSilence = [&] {
+        std::memset(buffer + static_cast<int64_t>(framesWritten) * channelCount, 0,
+                    sizeof(short) * static_cast<size_t>(frameCount - framesWritten) * channelCount);
+        return frameCount;
+    };
+    if (sampleRate < 1 || !(speed > 0.0))
+        return fillSilence();
+
+    // Negative steps drop source frames (faster), positive ones repeat them.
+    const double step = speed > 1.0 ? 1.0 - speed : speed < 1.0 ? 1.0 / speed - 1.0 : 0.0;
+
+    if (reset || paFlushCount != paSeenFlushCount) {
+        paSeenFlushCount = paFlushCount;
+        paCurrentFrame.reset();
+        paFrameIndex = -1;
+        paSamples = nullptr;
+        paFrameStart = 0;
+        paRemainingFrames = 0;
+        paSpeedAccumulator = 0.0;
+    }
+
+    for (;;) {
+        while (paRemainingFrames <= 0) {
+            if (!FetchFrame(playTime, sampleRate))
+                return fillSilence();
+            if (speed == 1.0) {
+                const auto sampleTime = static_cast<long long>(
+                    static_cast<double>(framesWritten) / sampleRate * 1000000.0 + static_cast<double>(playTime));
+                PaSyncAudio(buffer + static_cast<int64_t>(framesWritten) * channelCount, frameCount, sampleTime,
+                            channelCount, sampleRate, framesWritten);
+            }
+            if (framesWritten >= frameCount)
+                return framesWritten;
+        }
+
+        const DecodedAudioFrame& frame = *paCurrentFrame;
+        int64_t read = static_cast<int64_t>(frame.sampleCount) - static_cast<int64_t>(paRemainingFrames) * channelCount;
+        for (;;) {
+            if (paSpeedAccumulator > -1.0) {
+                short* out = buffer + static_cast<int64_t>(framesWritten) * channelCount;
+                for (int c = 0; c < channelCount; ++c) {
+                    // Past the array (a frame the stitching lengthened) is silence.
+                    const int64_t at = read + c;
+                    out[c] = at >= 0 && at < frame.bufferSampleCount ? Scaled(paSamples[at], volume) : 0;
+                }
+                ++framesWritten;
+                paSpeedAccumulator += step;
+            } else {
+                paSpeedAccumulator += 1.0;
+            }
+            --paRemainingFrames;
+            if (framesWritten >= frameCount)
+                return framesWritten;
+
+            while (paSpeedAccumulator > 1.0) {
+                short* out = buffer + static_cast<int64_t>(framesWritten) * channelCount;
+                std::memcpy(out, out - channelCount, sizeof(short) * static_cast<size_t>(channelCount));
+                ++framesWritten;
+                paSpeedAccumulator -= 1.0;
+                if (framesWritten >= frameCount)
+                    return framesWritten;
+            }
+            if (paRemainingFrames <= 0)
+                break;
+            read += channelCount;
+        }
+    }
+}
+
+void DecodedAudio::PaSyncAudio(short* buffer, int frameCount, long long sampleTime, int channelCount,
+                               int sampleRate, int& framesWritten)
+{
+    const int64_t diff = sampleTime - paFrameStart;
+    if (diff >= -kDriftTolerance && diff <= kDriftTolerance) {
+        PaResetDiffCounter();
+        return;
+    }
+    paDiffSum += diff;
+    if (++paDiffCounter < kDriftMeasurements)
+        return;
+    const int64_t average = paDiffSum / kDriftMeasurements;
+    PaResetDiffCounter();
+    if (average >= -kDriftCorrectionThreshold && average <= kDriftCorrectionThreshold)
+        return;
+
+    const auto frames =
+        static_cast<int32_t>(static_cast<double>(static_cast<int64_t>(sampleRate) * average) / 1000000.0);
+    if (frames >= 0) {
+        // Audio behind the play position: skip ahead within this frame.
+        paRemainingFrames -= frames;
+        return;
+    }
+    // Audio ahead: hold it back by repeating its first sample frame.
+    const bool hasFirst = paCurrentFrame && paCurrentFrame->bufferSampleCount >= channelCount;
+    for (int32_t k = 0; k < -frames && framesWritten < frameCount; ++k) {
+        short* out = buffer + static_cast<int64_t>(k) * channelCount;
+        for (int c = 0; c < channelCount; ++c)
+            out[c] = hasFirst ? paSamples[c] : 0;
+        ++framesWritten;
+    }
+}
