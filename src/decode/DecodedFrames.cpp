@@ -50,9 +50,14 @@ DecodedVideoFrame::DecodedVideoFrame(const uint8_t* source, int32_t size, int32_
       status(0)
 {
     if (size >= 1) {
-        data = new uint8_t[static_cast<size_t>(size)]();
-        if (source != nullptr)
+        // The copy covers every byte; zero-filling first would only cost time
+        // on every picture.
+        if (source != nullptr) {
+            data = new uint8_t[static_cast<size_t>(size)];
             std::memcpy(data, source, static_cast<size_t>(size));
+        } else {
+            data = new uint8_t[static_cast<size_t>(size)]();
+        }
     }
 }
 

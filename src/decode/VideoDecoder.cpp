@@ -152,7 +152,10 @@ void VideoDecoder::Decode(AVPacket* packet, QList<std::shared_ptr<DecodedVideoFr
             if (result >= 0) {
                 const bool delivered = ConvertPicture(frames, targetTime);
                 av_frame_unref(frame);
-                if (!delivered)
+                // A dropped frame ends the call, and later calls fetch the
+                // rest; at the end of the stream there is no later call, so
+                // the drain goes on to the frames held back and the marker.
+                if (!delivered && !draining && !endOfStream)
                     return;
             } else if (result == AVERROR_EOF) {
                 if (!isImage)
@@ -196,7 +199,8 @@ bool VideoDecoder::ConvertPicture(QList<std::shared_ptr<DecodedVideoFrame>>& fra
         lastFrameTime = time;
     }
 
-    if (targetTime >= 0 &&
+    // A still has no timeline: whatever the target, its picture is the one.
+    if (targetTime >= 0 && !isImage &&
         static_cast<double>(targetTime) - Settings::maxTrailingFramesAfterSeek * frameDuration >
             static_cast<double>(startTime))
         return false;
