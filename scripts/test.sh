@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Set-up, then the whole test suite through ctest: once in a normal build,
-# once in an AddressSanitizer + UndefinedBehaviorSanitizer build (clang).
+# once in an AddressSanitizer + UndefinedBehaviorSanitizer build (clang);
+# then the tests labelled `threads` in a ThreadSanitizer build (clang).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 jobs=$(nproc)
@@ -14,3 +15,10 @@ CC=clang-14 CXX=clang++-14 "$root/scripts/build.sh" "$root/build-asan" \
   -DCMAKE_BUILD_TYPE=Debug -DMOLVANEAV_SANITIZE=ON -DMOLVANEAV_BUILD_BENCH=OFF
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --test-dir "$root/build-asan" --output-on-failure -j"$jobs" -LE package
+
+# Only the programs of the `threads` label are built here.
+CC=clang-14 CXX=clang++-14 cmake -G Ninja -S "$root" -B "$root/build-tsan" \
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMOLVANEAV_TSAN=ON -DMOLVANEAV_BUILD_BENCH=OFF -DMOLVANEAV_BUILD_TOOLS=OFF >/dev/null
+cmake --build "$root/build-tsan" --target audio_thread_stress_test
+TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+  ctest --test-dir "$root/build-tsan" -L threads --output-on-failure

@@ -38,6 +38,15 @@ public:
     // Makes the next fill find its place by time again.
     void FlushPaBuffer();
 
+    // The list's state, read under the mutex like everything else.
+    FramePtr FirstFrame() const;
+    FramePtr LastFrame() const;
+    int GetFrameCount() const;
+    int GetMaxFrameCount() const;
+    int64_t GetSize() const;
+    int64_t GetStartTime() const;
+    int64_t GetEndTime() const;
+
     // Fills frameCount interleaved sample frames of channelCount channels
     // from playTime (µs) on, at the given volume and speed; silence where
     // no audio is cached. Returns frameCount. Never waits for decoding.
@@ -69,5 +78,5 @@ private:
     int32_t paFlushCount;
     int32_t paSeenFlushCount;
     double paSpeedAccumulator;
-    QMutex mutex;
+    mutable QMutex mutex;
 };

@@ -6,6 +6,8 @@
 #include <cmath>
 #include <cstring>
 
+using List = TimeOrderedFrameList<DecodedAudioFrame>;
+
 namespace {
 
 // Drift within this much of the play position is no drift (µs).
@@ -47,7 +49,7 @@ void DecodedAudio::SetMaxFrameCount(int count)
     QMutexLocker lock(&mutex);
     // Two slots are the least the ring works with.
     const int slots = count == 1 ? 2 : std::max(count, 0);
-    const int frames = GetFrameCount();
+    const int frames = List::GetFrameCount();
     if (frames > 0) {
         // Keep the frames, in order from slot 0, with one slot to spare.
         QVector<FramePtr> packed(std::max(slots, frames + 1));
@@ -112,7 +114,7 @@ void DecodedAudio::AppendFrame(std::shared_ptr<DecodedAudioFrame> frame)
 {
     QMutexLocker lock(&mutex);
     ReleaseRetiredSlots();
-    if (GetMaxFrameCount() < 1)
+    if (List::GetMaxFrameCount() < 1)
         return;
     if (!frame) {
         ClearLocked();
@@ -123,20 +125,20 @@ void DecodedAudio::AppendFrame(std::shared_ptr<DecodedAudioFrame> frame)
             return;
         frame->startTime = 0;
     }
-    if (firstIndex < 0 || GetFrameCount() == 0) {
+    if (firstIndex < 0 || List::GetFrameCount() == 0) {
         PushBack(std::move(frame));
         UpdateStartEndTimes();
         return;
     }
 
-    const FramePtr oldest = FirstFrame();
-    const FramePtr newest = LastFrame();
+    const FramePtr oldest = List::FirstFrame();
+    const FramePtr newest = List::LastFrame();
     if (frame->startTime == oldest->startTime || frame->startTime == newest->startTime)
         return;
 
     // Grow while one slot is still free; the fill's slot index then points
     // into the old vector, so it must find its place again.
-    if (GetFrameCount() == GetMaxFrameCount() - 1) {
+    if (List::GetFrameCount() == List::GetMaxFrameCount() - 1) {
         InstallSlots(GrownSlots());
         ++paFlushCount;
     }
@@ -153,9 +155,9 @@ void DecodedAudio::UpdateCache(long long fromTime, long long toTime)
     QMutexLocker lock(&mutex);
     if (firstIndex < 0)
         return;
-    while (FirstFrame() && FirstFrame()->endTime < fromTime)
+    while (List::FirstFrame() && List::FirstFrame()->endTime < fromTime)
         PopFront();
-    while (LastFrame() && LastFrame()->startTime > toTime)
+    while (List::LastFrame() && List::LastFrame()->startTime > toTime)
         PopBack();
 }
 
@@ -189,6 +191,48 @@ void DecodedAudio::FlushPaBuffer()
     ++paFlushCount;
 }
 
+DecodedAudio::FramePtr DecodedAudio::FirstFrame() const
+{
+    QMutexLocker lock(&mutex);
+    return List::FirstFrame();
+}
+
+DecodedAudio::FramePtr DecodedAudio::LastFrame() const
+{
+    QMutexLocker lock(&mutex);
+    return List::LastFrame();
+}
+
+int DecodedAudio::GetFrameCount() const
+{
+    QMutexLocker lock(&mutex);
+    return List::GetFrameCount();
+}
+
+int DecodedAudio::GetMaxFrameCount() const
+{
+    QMutexLocker lock(&mutex);
+    return List::GetMaxFrameCount();
+}
+
+int64_t DecodedAudio::GetSize() const
+{
+    QMutexLocker lock(&mutex);
+    return List::GetSize();
+}
+
+int64_t DecodedAudio::GetStartTime() const
+{
+    QMutexLocker lock(&mutex);
+    return List::GetStartTime();
+}
+
+int64_t DecodedAudio::GetEndTime() const
+{
+    QMutexLocker lock(&mutex);
+    return List::GetEndTime();
+}
+
 void DecodedAudio::PaResetDiffCounter()
 {
     paDiffCounter = 0;
@@ -197,7 +241,7 @@ void DecodedAudio::PaResetDiffCounter()
 
 bool DecodedAudio::IsInList(int slot) const
 {
-    if (firstIndex < 0 || slot < 0 || slot >= GetMaxFrameCount())
+    if (firstIndex < 0 || slot < 0 || slot >= List::GetMaxFrameCount())
         return false;
     if (IsWrapped())
         return slot >= firstIndex || slot <= lastIndex;
@@ -209,7 +253,7 @@ int DecodedAudio::GetNextFrameIndex(int slot) const
     if (slot < 0)
         return -1;
     const int next = slot + 1;
-    if (next >= GetMaxFrameCount())
+    if (next >= List::GetMaxFrameCount())
         return lastIndex >= 0 ? 0 : -1;
     return next >= firstIndex || next <= lastIndex ? next : -1;
 }
@@ -218,7 +262,7 @@ int DecodedAudio::GetPreviousFrameIndex(int slot) const
 {
     const int previous = slot - 1;
     if (previous < 0)
-        return IsWrapped() ? GetMaxFrameCount() - 1 : -1;
+        return IsWrapped() ? List::GetMaxFrameCount() - 1 : -1;
     return previous >= firstIndex || previous <= lastIndex ? previous : -1;
 }
 
@@ -284,6 +328,24 @@ int DecodedAudio::PaFillBuffer(short* buffer, int frameCount, int channelCount, 
         paRemainingFrames = 0;
         paSpeedAccumulator = 0.0;
     }
+
+    // At slow speed the previous call may have filled its buffer before
+    // repeating its last sample frame: owe that repeat to this buffer, or
+    // the next source frame would take its place.
+    while (paSpeedAccumulator > 1.0 && paCurrentFrame && framesWritten < frameCount) {
+        const DecodedAudioFrame& frame = *paCurrentFrame;
+        const int64_t last = static_cast<int64_t>(frame.sampleCount) -
+                             (static_cast<int64_t>(paRemainingFrames) + 1) * channelCount;
+        short* out = buffer + static_cast<int64_t>(framesWritten) * channelCount;
+        for (int c = 0; c < channelCount; ++c) {
+            const int64_t at = last + c;
+            out[c] = at >= 0 && at < frame.bufferSampleCount ? Scaled(paSamples[at], volume) : 0;
+        }
+        ++framesWritten;
+        paSpeedAccumulator -= 1.0;
+    }
+    if (framesWritten >= frameCount)
+        return framesWritten;
 
     for (;;) {
         while (paRemainingFrames <= 0) {
