@@ -14,6 +14,7 @@ extern "C" {
 
 #include <array>
 #include <cmath>
+#include <cstring>
 
 namespace {
 
@@ -105,7 +106,7 @@ bool VideoDecoder::Setup(AVCodecContext* context, const AVRational& timeBase, in
     const int alignment = ((4 - (3 * outputWidth) % 4) % 4) + 1;
     rgbBufferSize = av_image_get_buffer_size(AV_PIX_FMT_RGB24, outputWidth, height, alignment);
     if (rgbBufferSize > 0)
-        rgbBuffer = static_cast<uint8_t*>(av_malloc(static_cast<size_t>(rgbBufferSize)));
+        rgbBuffer = static_cast<uint8_t*>(av_mallocz(static_cast<size_t>(rgbBufferSize)));
 
     if (frame == nullptr || rgbFrame == nullptr || rgbBuffer == nullptr ||
         av_image_fill_arrays(rgbFrame->data, rgbFrame->linesize, rgbBuffer, AV_PIX_FMT_RGB24, outputWidth, height,
@@ -224,10 +225,24 @@ bool VideoDecoder::ConvertPicture(QList<std::shared_ptr<DecodedVideoFrame>>& fra
         Logger::GetInstance()->Error("Error decoding video packet.");
         return true;
     }
-    sws_scale(scaler, frame->data, frame->linesize, 0, height, rgbFrame->data, rgbFrame->linesize);
-
-    auto record = std::make_shared<DecodedVideoFrame>(rgbBuffer, rgbBufferSize, outputWidth, height, startTime,
-                                                      frameRate, rotation, isLinearColorSpace);
+    // Scale straight into the record's own buffer: copying a converted
+    // picture costs as much again as a tenth of the decode. Its layout is
+    // the one rgbFrame describes; the row padding the scaler leaves alone
+    // is zeroed so records depend on the picture alone.
+    auto record = std::make_shared<DecodedVideoFrame>(nullptr, 0, outputWidth, height, startTime, frameRate,
+                                                      rotation, isLinearColorSpace);
+    record->data = new uint8_t[static_cast<size_t>(rgbBufferSize)];
+    record->size = rgbBufferSize;
+    uint8_t* const planes[4] = {record->data, nullptr, nullptr, nullptr};
+    const int stride = rgbFrame->linesize[0];
+    const int strides[4] = {stride, 0, 0, 0};
+    sws_scale(scaler, frame->data, frame->linesize, 0, height, planes, strides);
+    const int rowBytes = 3 * outputWidth;
+    if (stride > rowBytes) {
+        for (int row = 0; row < height; ++row)
+            std::memset(record->data + static_cast<size_t>(row) * stride + rowBytes, 0,
+                        static_cast<size_t>(stride - rowBytes));
+    }
     if (isLinearColorSpace) {
         const auto& gamma = GammaTable();
         for (int32_t i = 0; i < record->size; ++i)
