@@ -206,7 +206,11 @@ void DecodedVideo::UpdateCache(int64_t playTime, int64_t mediaEndTime, bool isPl
 
     enum class Direction { None, Forward, Backward };
     Direction direction = Direction::None;
-    if (moreAfter && (playingForwards || GetFrameCount() == 0 || GetFrameCount() < kFewFrames || endTime < playTime))
+    // A handful of frames always calls for more ahead, unless the budget is
+    // used up: with room for fewer than that, reverse play would otherwise
+    // trade the newest frame for the next older one and back forever.
+    const bool fewFrames = GetFrameCount() < kFewFrames && !full;
+    if (moreAfter && (playingForwards || GetFrameCount() == 0 || fewFrames || endTime < playTime))
         direction = Direction::Forward;
     else if (moreBefore && isPlaying && !playingForward)
         direction = Direction::Backward;
@@ -252,30 +256,18 @@ std::shared_ptr<DecodedVideoFrame> DecodedVideo::GetFrame(int64_t time, int fram
     if (slot < 0)
         return nullptr;
 
-    const int capacity = GetMaxFrameCount();
+    // Step along the ring within the list: past the newest or the oldest
+    // frame there is nothing, even where free slots would lead round to
+    // the other end.
     for (int64_t step = 0; step < frameOffset; ++step) {
-        ++slot;
-        if (slot == firstIndex)
-            return nullptr;
-        if (slot >= capacity) {
-            if (lastIndex < 0)
-                return nullptr;
-            slot = 0;
-        } else if (slot < firstIndex && slot > lastIndex) {
-            return nullptr;
-        }
-    }
-    for (int64_t step = 0; step < -static_cast<int64_t>(frameOffset); ++step) {
-        --slot;
         if (slot == lastIndex)
             return nullptr;
-        if (slot < 0) {
-            if (lastIndex >= firstIndex)
-                return nullptr;
-            slot = capacity - 1;
-        } else if (!(slot >= firstIndex || slot <= lastIndex)) {
+        slot = SlotAfter(slot);
+    }
+    for (int64_t step = 0; step < -static_cast<int64_t>(frameOffset); ++step) {
+        if (slot == firstIndex)
             return nullptr;
-        }
+        slot = SlotBefore(slot);
     }
     return frameBuffers[activeBuffer].at(slot);
 }
