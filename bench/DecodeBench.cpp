@@ -47,17 +47,17 @@ struct Clip {
     Clip()
     {
         path = folder.filePath("clip_1080p.mp4").toStdString();
-        molvane::test::MediaSpec spec;
-        spec.container = "mp4";
+        molvane::test::MediaSpec mediaSpec;
+        mediaSpec.container = "mp4";
         molvane::test::VideoSpec video;
         video.width = 1920;
         video.height = 1080;
         video.frames = kFrames;
         video.gop = 50;
         video.options = {{"preset", "ultrafast"}};
-        spec.video.push_back(video);
+        mediaSpec.video.push_back(video);
         QString error;
-        if (!molvane::test::WriteMedia(spec, QString::fromStdString(path), &error))
+        if (!molvane::test::WriteMedia(mediaSpec, QString::fromStdString(path), &error))
             Fail("cannot write the clip: " + error.toStdString());
 
         AVFormatContext* opened = nullptr;

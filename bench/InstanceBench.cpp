@@ -53,13 +53,13 @@ QTemporaryDir& Folder()
     return folder;
 }
 
-QString Write(const QString& name, const molvane::test::MediaSpec& spec)
+QString Write(const QString& name, const molvane::test::MediaSpec& mediaSpec)
 {
     const QString path = Folder().filePath(name);
     if (QFile::exists(path))
         return path;
     QString error;
-    if (!molvane::test::WriteMedia(spec, path, &error)) {
+    if (!molvane::test::WriteMedia(mediaSpec, path, &error)) {
         std::fprintf(stderr, "cannot write %s: %s\n", qPrintable(path), qPrintable(error));
         std::exit(1);
     }
@@ -81,22 +81,22 @@ molvane::test::VideoSpec FullHd(int frames, int gop)
 // Ten seconds of 1080p H.264 with stereo AAC, in MP4.
 QString WholeFileClip()
 {
-    molvane::test::MediaSpec spec;
-    spec.container = QStringLiteral("mp4");
-    spec.video.push_back(FullHd(kWholeFileFrames, 50));
+    molvane::test::MediaSpec mediaSpec;
+    mediaSpec.container = QStringLiteral("mp4");
+    mediaSpec.video.push_back(FullHd(kWholeFileFrames, 50));
     molvane::test::AudioSpec audio;
     audio.sampleFrames = int64_t(kWholeFileFrames) * 48000 / kRate;
-    spec.audio.push_back(audio);
-    return Write(QStringLiteral("whole_file.mp4"), spec);
+    mediaSpec.audio.push_back(audio);
+    return Write(QStringLiteral("whole_file.mp4"), mediaSpec);
 }
 
 // Two GOPs of 250 frames, video only.
 QString LongGopClip()
 {
-    molvane::test::MediaSpec spec;
-    spec.container = QStringLiteral("mp4");
-    spec.video.push_back(FullHd(kLongGopFrames, kLongGop));
-    return Write(QStringLiteral("long_gop.mp4"), spec);
+    molvane::test::MediaSpec mediaSpec;
+    mediaSpec.container = QStringLiteral("mp4");
+    mediaSpec.video.push_back(FullHd(kLongGopFrames, kLongGop));
+    return Write(QStringLiteral("long_gop.mp4"), mediaSpec);
 }
 
 std::shared_ptr<MediaInfo> Probe(const QString& path)

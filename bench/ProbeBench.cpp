@@ -34,21 +34,21 @@ QString Clip(int seconds)
     const QString path = Folder().filePath(QStringLiteral("clip_%1s.mp4").arg(seconds));
     if (QFile::exists(path))
         return path;
-    molvane::test::MediaSpec spec;
-    spec.container = QStringLiteral("mp4");
+    molvane::test::MediaSpec mediaSpec;
+    mediaSpec.container = QStringLiteral("mp4");
     molvane::test::VideoSpec video;
     video.width = 160;
     video.height = 96;
     video.frames = seconds * 25;
     video.gop = 50;
     video.options = {{"preset", "ultrafast"}};
-    spec.video.push_back(video);
+    mediaSpec.video.push_back(video);
     molvane::test::AudioSpec audio;
     audio.sampleRate = 48000;
     audio.sampleFrames = int64_t(seconds) * 48000;
-    spec.audio.push_back(audio);
+    mediaSpec.audio.push_back(audio);
     QString error;
-    if (!molvane::test::WriteMedia(spec, path, &error)) {
+    if (!molvane::test::WriteMedia(mediaSpec, path, &error)) {
         std::fprintf(stderr, "cannot write %s: %s\n", qPrintable(path), qPrintable(error));
         std::exit(1);
     }

@@ -71,12 +71,12 @@ QString ClipPath(const Setup& setup)
     const QString path = QDir(FixtureDirectory()).absoluteFilePath(QString::fromStdString(setup.name) + ".mp4");
     static std::map<QString, bool> written;
     if (!written[path]) {
-        MediaSpec spec = FixtureSpec(FixtureId::H264AacMp4);
-        spec.video[0].frames = setup.frames;
-        spec.video[0].gop = kGop;
-        spec.audio[0].sampleFrames = int64_t(setup.frames) * 1920;
+        MediaSpec mediaSpec = FixtureSpec(FixtureId::H264AacMp4);
+        mediaSpec.video[0].frames = setup.frames;
+        mediaSpec.video[0].gop = kGop;
+        mediaSpec.audio[0].sampleFrames = int64_t(setup.frames) * 1920;
         QString error;
-        if (!WriteMedia(spec, path, &error))
+        if (!WriteMedia(mediaSpec, path, &error))
             throw std::runtime_error("cannot write " + setup.name + ": " + error.toStdString());
         written[path] = true;
     }

@@ -182,11 +182,11 @@ testing::AssertionResult EverySampleIs(const std::vector<int16_t>& samples, int 
     return testing::AssertionSuccess();
 }
 
-QString Write(const QTemporaryDir& dir, const QString& name, const MediaSpec& spec)
+QString Write(const QTemporaryDir& dir, const QString& name, const MediaSpec& mediaSpec)
 {
     const QString path = dir.filePath(name);
     QString error;
-    EXPECT_TRUE(WriteMedia(spec, path, &error)) << error.toStdString();
+    EXPECT_TRUE(WriteMedia(mediaSpec, path, &error)) << error.toStdString();
     return path;
 }
 
@@ -195,16 +195,16 @@ QString Write(const QTemporaryDir& dir, const QString& name, const MediaSpec& sp
 QString WritePlanarWavPack(const QTemporaryDir& dir, AVSampleFormat format, int channels, int64_t frames,
                            const QString& name)
 {
-    MediaSpec spec;
-    spec.container = QStringLiteral("wv");
+    MediaSpec mediaSpec;
+    mediaSpec.container = QStringLiteral("wv");
     AudioSpec audio;
     audio.encoder = QStringLiteral("wavpack");
     audio.sampleFormat = format;
     audio.channels = channels;
     audio.sampleFrames = frames;
     audio.positional = true;
-    spec.audio.push_back(audio);
-    return Write(dir, name, spec);
+    mediaSpec.audio.push_back(audio);
+    return Write(dir, name, mediaSpec);
 }
 
 // A PCM decoder fed with packets made in memory.
@@ -710,14 +710,14 @@ TEST(AudioDecoder, LaterFramesOfOnePacketAdvanceByTheFrameBytes)
     // The MPEG audio decoders take one frame per call and keep the rest of
     // the packet, so a packet holding two MP2 frames yields two frames.
     QTemporaryDir dir;
-    MediaSpec spec;
-    spec.container = QStringLiteral("mp2");
+    MediaSpec mediaSpec;
+    mediaSpec.container = QStringLiteral("mp2");
     AudioSpec mp2;
     mp2.encoder = QStringLiteral("mp2");
     mp2.sampleFrames = 1152 * 4;
-    spec.audio.push_back(mp2);
+    mediaSpec.audio.push_back(mp2);
     OpenedAudio audio;
-    ASSERT_TRUE(OpenAudio(Write(dir, QStringLiteral("two.mp2"), spec), audio));
+    ASSERT_TRUE(OpenAudio(Write(dir, QStringLiteral("two.mp2"), mediaSpec), audio));
     ASSERT_EQ(audio.codec->sample_fmt, AV_SAMPLE_FMT_S16P);
     ASSERT_EQ(audio.Channels(), 2);
     ASSERT_EQ(audio.codec->sample_rate, 48000);
@@ -782,13 +782,13 @@ TEST(AudioDecoder, BlankPacketDrainsTheFramesTheDecoderHeldBack)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.encoder);
-        MediaSpec spec;
-        spec.container = c.container;
+        MediaSpec mediaSpec;
+        mediaSpec.container = c.container;
         AudioSpec sound;
         sound.encoder = c.encoder;
         sound.sampleFrames = c.sampleFrames;
-        spec.audio.push_back(sound);
-        const QString path = Write(dir, c.file, spec);
+        mediaSpec.audio.push_back(sound);
+        const QString path = Write(dir, c.file, mediaSpec);
 
         PlainDecoding plain;
         ASSERT_TRUE(DecodePlain(path, plain));

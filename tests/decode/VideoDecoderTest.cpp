@@ -143,13 +143,13 @@ Decoded DecodeAll(VideoDecoder& converter, Source& source, int64_t targetTime = 
 }
 
 // Files written once per process for the cases the catalogue lacks.
-QString Custom(const QString& name, const MediaSpec& spec)
+QString Custom(const QString& name, const MediaSpec& mediaSpec)
 {
     static QTemporaryDir folder;
     const QString path = folder.filePath(name);
     if (!QFileInfo::exists(path)) {
         QString error;
-        if (!WriteMedia(spec, path, &error))
+        if (!WriteMedia(mediaSpec, path, &error))
             ADD_FAILURE() << "cannot write " << name.toStdString() << ": " << error.toStdString();
     }
     return path;
@@ -157,10 +157,10 @@ QString Custom(const QString& name, const MediaSpec& spec)
 
 MediaSpec OneVideo(const char* container, const VideoSpec& video)
 {
-    MediaSpec spec;
-    spec.container = container;
-    spec.video.push_back(video);
-    return spec;
+    MediaSpec mediaSpec;
+    mediaSpec.container = container;
+    mediaSpec.video.push_back(video);
+    return mediaSpec;
 }
 
 // A raw RGB24 stream without a container: each packet is one picture and

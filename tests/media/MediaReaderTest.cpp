@@ -184,18 +184,18 @@ TEST(MediaReader, DeclaredFrameCountWinsOnlyWhenOffByOne)
     // Audio outlasting the video by a second stretches the container
     // duration; the declared 25 frames are then far off and the count
     // follows the duration.
-    MediaSpec spec;
-    spec.container = QStringLiteral("mp4");
+    MediaSpec mediaSpec;
+    mediaSpec.container = QStringLiteral("mp4");
     VideoSpec video;
     video.frames = 25;
-    spec.video.push_back(video);
+    mediaSpec.video.push_back(video);
     AudioSpec sound;
     sound.encoder = QStringLiteral("aac");
     sound.sampleFrames = 2 * 48000;
-    spec.audio.push_back(sound);
+    mediaSpec.audio.push_back(sound);
     QTemporaryDir dir;
     const QString path = dir.filePath(QStringLiteral("long_audio.mp4"));
-    ASSERT_TRUE(WriteMedia(spec, path));
+    ASSERT_TRUE(WriteMedia(mediaSpec, path));
 
     auto info = Probe(path);
     ASSERT_EQ(info->GetNumVideoStreams(), 1);

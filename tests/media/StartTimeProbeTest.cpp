@@ -120,11 +120,11 @@ void ExpectStartsAtFirstFrame(const MediaInfo& info, const QString& path, int in
     EXPECT_NEAR(double(stream->startTime), double(first.timeUs), 1.0);
 }
 
-QString Write(const QTemporaryDir& dir, const QString& name, const MediaSpec& spec)
+QString Write(const QTemporaryDir& dir, const QString& name, const MediaSpec& mediaSpec)
 {
     const QString path = dir.filePath(name);
     QString error;
-    EXPECT_TRUE(WriteMedia(spec, path, &error)) << error.toStdString();
+    EXPECT_TRUE(WriteMedia(mediaSpec, path, &error)) << error.toStdString();
     return path;
 }
 
@@ -145,10 +145,10 @@ VideoSpec SmallVideo(const char* encoder, int frames, int64_t firstPts)
 // Two video streams starting at 0.4 s (H.264) and 0.8 s (MPEG-4).
 QString WriteStaggeredStarts(const QTemporaryDir& dir)
 {
-    MediaSpec spec;
-    spec.container = QStringLiteral("matroska");
-    spec.video = {SmallVideo("libx264", 20, 10), SmallVideo("mpeg4", 20, 20)};
-    return Write(dir, QStringLiteral("staggered.mkv"), spec);
+    MediaSpec mediaSpec;
+    mediaSpec.container = QStringLiteral("matroska");
+    mediaSpec.video = {SmallVideo("libx264", 20, 10), SmallVideo("mpeg4", 20, 20)};
+    return Write(dir, QStringLiteral("staggered.mkv"), mediaSpec);
 }
 
 QByteArray ReadAll(const QString& path)
@@ -242,10 +242,10 @@ TEST(StartTimeProbe, FramesHeldBackUntilTheEndStillGiveTheStart)
         // before the blank packet at the end of the file flushes it.
         SCOPED_TRACE("two frames from 1 s");
         QTemporaryDir dir;
-        MediaSpec spec;
-        spec.container = QStringLiteral("matroska");
-        spec.video = {SmallVideo("libx264", 2, 25)};
-        const QString path = Write(dir, QStringLiteral("held_back.mkv"), spec);
+        MediaSpec mediaSpec;
+        mediaSpec.container = QStringLiteral("matroska");
+        mediaSpec.video = {SmallVideo("libx264", 2, 25)};
+        const QString path = Write(dir, QStringLiteral("held_back.mkv"), mediaSpec);
         FirstFrame first;
         ASSERT_TRUE(DecodeFirstFrame(path, 0, first));
         ASSERT_TRUE(first.fromFlush) << "the decoder released a frame before the end; nothing is held back";
@@ -291,14 +291,14 @@ TEST(StartTimeProbe, OnlyTheFirst250PacketsAreSearched)
     // sends its first packets near the end of the window, the one starting
     // at 4 s only after it.
     QTemporaryDir dir;
-    MediaSpec spec;
-    spec.container = QStringLiteral("matroska");
-    spec.video = {SmallVideo("libx264", 125, 0), SmallVideo("libx264", 10, 100), SmallVideo("libx264", 10, 75)};
+    MediaSpec mediaSpec;
+    mediaSpec.container = QStringLiteral("matroska");
+    mediaSpec.video = {SmallVideo("libx264", 125, 0), SmallVideo("libx264", 10, 100), SmallVideo("libx264", 10, 75)};
     AudioSpec sound;
     sound.encoder = QStringLiteral("pcm_s16le");
     sound.sampleFrames = 5 * 48000;
-    spec.audio.push_back(sound);
-    const QString path = Write(dir, QStringLiteral("late_in_file.mkv"), spec);
+    mediaSpec.audio.push_back(sound);
+    const QString path = Write(dir, QStringLiteral("late_in_file.mkv"), mediaSpec);
 
     const std::map<int, int> firstPackets = FirstPacketPositions(path);
     ASSERT_EQ(firstPackets.size(), 4u);
@@ -326,10 +326,10 @@ TEST(StartTimeProbe, StreamWithoutFramesBeforeTheEndGetsZero)
     {
         SCOPED_TRACE("stream without packets beside one starting at 0.4 s");
         QTemporaryDir dir;
-        MediaSpec spec;
-        spec.container = QStringLiteral("matroska");
-        spec.video = {SmallVideo("libx264", 0, 0), SmallVideo("libx264", 10, 10)};
-        const QString path = Write(dir, QStringLiteral("empty_stream.mkv"), spec);
+        MediaSpec mediaSpec;
+        mediaSpec.container = QStringLiteral("matroska");
+        mediaSpec.video = {SmallVideo("libx264", 0, 0), SmallVideo("libx264", 10, 10)};
+        const QString path = Write(dir, QStringLiteral("empty_stream.mkv"), mediaSpec);
         LogCapture log;
         auto info = Probe(path);
         ASSERT_EQ(info->GetNumVideoStreams(), 2);

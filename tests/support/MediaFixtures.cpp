@@ -22,7 +22,7 @@ const QString kMatroskaFormat = "matroska,webm";
 struct Entry {
     FixtureId id;
     QString extension;
-    MediaSpec spec;
+    MediaSpec mediaSpec;
     Fixture expected; // everything but the path
 };
 
@@ -117,8 +117,8 @@ Fixture Expect(const char* name, const QString& format, int64_t durationUs,
 std::vector<Entry> BuildCatalogue()
 {
     std::vector<Entry> entries;
-    auto add = [&](FixtureId id, const char* extension, MediaSpec spec, Fixture expected) {
-        entries.push_back(Entry{id, extension, std::move(spec), std::move(expected)});
+    auto add = [&](FixtureId id, const char* extension, MediaSpec mediaSpec, Fixture expected) {
+        entries.push_back(Entry{id, extension, std::move(mediaSpec), std::move(expected)});
     };
 
     {
@@ -311,7 +311,7 @@ QString FixtureName(FixtureId id)
 
 MediaSpec FixtureSpec(FixtureId id)
 {
-    return Find(id).spec;
+    return Find(id).mediaSpec;
 }
 
 const Fixture& GetFixture(FixtureId id)
@@ -328,7 +328,7 @@ const Fixture& GetFixture(FixtureId id)
     Fixture fixture = entry.expected;
     fixture.path = QDir(FixtureDirectory()).absoluteFilePath(fixture.name + entry.extension);
     QString error;
-    if (!WriteMedia(entry.spec, fixture.path, &error))
+    if (!WriteMedia(entry.mediaSpec, fixture.path, &error))
         throw std::runtime_error("cannot make fixture " + fixture.name.toStdString() + ": " +
                                  error.toStdString());
     return made.emplace(id, std::move(fixture)).first->second;

@@ -135,11 +135,11 @@ struct MediaSpec {
 };
 
 // Streams are written in order: video, then audio, then subtitles. Encoders
-// run single-threaded with bit-exact flags, so the same spec gives the same
+// run single-threaded with bit-exact flags, so the same mediaSpec gives the same
 // bytes on every run.
-bool WriteMedia(const MediaSpec& spec, const QString& path, QString* error = nullptr);
+bool WriteMedia(const MediaSpec& mediaSpec, const QString& path, QString* error = nullptr);
 
-// The spec a catalogue fixture is written from.
+// The mediaSpec a catalogue fixture is written from.
 MediaSpec FixtureSpec(FixtureId id);
 
 // ---------------------------------------------------------------------------

@@ -771,13 +771,13 @@ TEST_P(EncoderPathTest, FramesKeepTheirIndexThroughEncoderAndFormat)
     v.gop = 6;
     v.pixFmt = c.pixFmt;
     v.options = c.options;
-    MediaSpec spec;
-    spec.container = c.container;
-    spec.video = {v};
+    MediaSpec mediaSpec;
+    mediaSpec.container = c.container;
+    mediaSpec.video = {v};
     QTemporaryDir dir;
     const QString path = dir.filePath(QString("clip") + c.extension);
     QString error;
-    ASSERT_TRUE(WriteMedia(spec, path, &error)) << error.toStdString();
+    ASSERT_TRUE(WriteMedia(mediaSpec, path, &error)) << error.toStdString();
 
     const Decoded d = DecodeFile(path);
     ASSERT_EQ(d.streams.size(), 1u);
@@ -809,13 +809,13 @@ TEST(MediaWriter, EncoderRestartsAtNewSizes)
     VideoSpec v;
     v.frames = 30;
     v.sizeChanges = {{10, 256, 192}, {20, 160, 128}};
-    MediaSpec spec;
-    spec.container = "mpegts";
-    spec.video = {v};
+    MediaSpec mediaSpec;
+    mediaSpec.container = "mpegts";
+    mediaSpec.video = {v};
     QTemporaryDir dir;
     const QString path = dir.filePath("sizes.ts");
     QString error;
-    ASSERT_TRUE(WriteMedia(spec, path, &error)) << error.toStdString();
+    ASSERT_TRUE(WriteMedia(mediaSpec, path, &error)) << error.toStdString();
 
     const Decoded d = DecodeFile(path);
     ASSERT_EQ(d.streams.size(), 1u);
@@ -835,13 +835,13 @@ TEST(MediaWriter, AudioStartsWhereAsked)
     a.positional = true;
     a.sampleFrames = 4800;
     a.firstSample = 24000; // 0.5 s
-    MediaSpec spec;
-    spec.container = "matroska";
-    spec.audio = {a};
+    MediaSpec mediaSpec;
+    mediaSpec.container = "matroska";
+    mediaSpec.audio = {a};
     QTemporaryDir dir;
     const QString path = dir.filePath("late.mka");
     QString error;
-    ASSERT_TRUE(WriteMedia(spec, path, &error)) << error.toStdString();
+    ASSERT_TRUE(WriteMedia(mediaSpec, path, &error)) << error.toStdString();
     const Decoded d = DecodeFile(path);
     ASSERT_EQ(d.streams.size(), 1u);
     ASSERT_TRUE(d.streams[0].firstTimeUs.has_value());
@@ -853,9 +853,9 @@ TEST(MediaWriter, RefusesWhatItCannotWriteFaithfully)
 {
     QTemporaryDir dir;
     const QString path = dir.filePath("bad.mkv");
-    auto refused = [&](const MediaSpec& spec) {
+    auto refused = [&](const MediaSpec& mediaSpec) {
         QString error;
-        const bool ok = WriteMedia(spec, path, &error);
+        const bool ok = WriteMedia(mediaSpec, path, &error);
         return !ok && !error.isEmpty();
     };
 

@@ -1,4 +1,4 @@
-// WriteMedia: one encode-and-mux path for every fixture and every spec a test
+// WriteMedia: one encode-and-mux path for every fixture and every mediaSpec a test
 // makes up.
 
 #include "support/FfmpegPtr.h"
@@ -125,38 +125,38 @@ protected:
 class VideoTrack : public Track
 {
 public:
-    VideoTrack(AVFormatContext* oc, const VideoSpec& spec) : spec_(spec)
+    VideoTrack(AVFormatContext* oc, const VideoSpec& mediaSpec) : spec_(mediaSpec)
     {
-        if (spec.rateNum <= 0 || spec.rateDen <= 0 || spec.frames < 0)
+        if (mediaSpec.rateNum <= 0 || mediaSpec.rateDen <= 0 || mediaSpec.frames < 0)
             Fail("bad frame rate or frame count");
-        if (spec.frames > kMaxFrameIndex + 1)
+        if (mediaSpec.frames > kMaxFrameIndex + 1)
             Fail("more frames than the index code can number");
-        codec_ = FindEncoder(spec.encoder);
+        codec_ = FindEncoder(mediaSpec.encoder);
         if (codec_->type != AVMEDIA_TYPE_VIDEO)
-            Fail(spec.encoder + " is not a video encoder");
+            Fail(mediaSpec.encoder + " is not a video encoder");
         globalHeader_ = oc->oformat->flags & AVFMT_GLOBALHEADER;
-        if (!spec.sizeChanges.empty() && globalHeader_)
+        if (!mediaSpec.sizeChanges.empty() && globalHeader_)
             Fail("size changes need a container with in-band codec headers");
-        for (const SizeChange& change : spec.sizeChanges) {
-            if (change.atFrame <= 0 || change.atFrame >= spec.frames)
+        for (const SizeChange& change : mediaSpec.sizeChanges) {
+            if (change.atFrame <= 0 || change.atFrame >= mediaSpec.frames)
                 Fail("a size change must fall inside the clip");
         }
-        Open(spec.width, spec.height);
+        Open(mediaSpec.width, mediaSpec.height);
 
         stream_ = Checked(avformat_new_stream(oc, nullptr), "cannot add stream");
         Check(avcodec_parameters_from_context(stream_->codecpar, enc_.get()), "codec parameters");
         stream_->time_base = enc_->time_base;
         stream_->avg_frame_rate = enc_->framerate;
         stream_->sample_aspect_ratio = enc_->sample_aspect_ratio;
-        if (spec.rotateClockwise) {
+        if (mediaSpec.rotateClockwise) {
             auto* matrix = reinterpret_cast<int32_t*>(av_stream_new_side_data(
                 stream_, AV_PKT_DATA_DISPLAYMATRIX, 9 * sizeof(int32_t)));
             Checked(matrix, "display matrix");
             // This FFmpeg's setter takes the clockwise angle; readers get it
             // back counter-clockwise (-90 for 90).
-            av_display_rotation_set(matrix, spec.rotateClockwise);
+            av_display_rotation_set(matrix, mediaSpec.rotateClockwise);
         }
-        done_ = spec.frames == 0;
+        done_ = mediaSpec.frames == 0;
     }
 
     int64_t NextTime() const override { return spec_.firstPts + next_; }
@@ -261,7 +261,7 @@ private:
 };
 
 // Stores one sample in whatever layout and format the frame has.
-void StoreSample(AVFrame* frame, int index, int channel, const AudioSpec& spec, int64_t n)
+void StoreSample(AVFrame* frame, int index, int channel, const AudioSpec& mediaSpec, int64_t n)
 {
     const auto format = static_cast<AVSampleFormat>(frame->format);
     const int channels = frame->ch_layout.nb_channels;
@@ -274,14 +274,14 @@ void StoreSample(AVFrame* frame, int index, int channel, const AudioSpec& spec, 
     // A quiet sine with a different pitch per channel when not positional.
     constexpr double kTwoPi = 6.283185307179586;
     const double wave =
-        0.25 * std::sin(kTwoPi * 220.0 * (channel + 1) * static_cast<double>(n) / spec.sampleRate);
-    const int16_t s16 = spec.positional ? PositionSample(n, channel)
+        0.25 * std::sin(kTwoPi * 220.0 * (channel + 1) * static_cast<double>(n) / mediaSpec.sampleRate);
+    const int16_t s16 = mediaSpec.positional ? PositionSample(n, channel)
                                         : static_cast<int16_t>(std::lrint(wave * 32767));
-    const float flt = spec.positional ? PositionSampleFloat(n, channel) : static_cast<float>(wave);
+    const float flt = mediaSpec.positional ? PositionSampleFloat(n, channel) : static_cast<float>(wave);
 
     switch (av_get_packed_sample_fmt(format)) {
     case AV_SAMPLE_FMT_U8: {
-        const uint8_t v = spec.positional ? PositionSampleU8(n, channel)
+        const uint8_t v = mediaSpec.positional ? PositionSampleU8(n, channel)
                                           : static_cast<uint8_t>(128 + std::lrint(wave * 127));
         *p = v;
         break;
@@ -298,30 +298,30 @@ void StoreSample(AVFrame* frame, int index, int channel, const AudioSpec& spec, 
 class AudioTrack : public Track
 {
 public:
-    AudioTrack(AVFormatContext* oc, const AudioSpec& spec) : spec_(spec)
+    AudioTrack(AVFormatContext* oc, const AudioSpec& mediaSpec) : spec_(mediaSpec)
     {
-        if (spec.sampleRate <= 0 || spec.channels <= 0 || spec.sampleFrames < 0)
+        if (mediaSpec.sampleRate <= 0 || mediaSpec.channels <= 0 || mediaSpec.sampleFrames < 0)
             Fail("bad audio parameters");
-        const AVCodec* codec = FindEncoder(spec.encoder);
+        const AVCodec* codec = FindEncoder(mediaSpec.encoder);
         if (codec->type != AVMEDIA_TYPE_AUDIO)
-            Fail(spec.encoder + " is not an audio encoder");
+            Fail(mediaSpec.encoder + " is not an audio encoder");
         enc_.reset(Checked(avcodec_alloc_context3(codec), "codec context"));
         AVCodecContext* c = enc_.get();
-        c->sample_rate = spec.sampleRate;
-        av_channel_layout_default(&c->ch_layout, spec.channels);
-        c->sample_fmt = spec.sampleFormat != AV_SAMPLE_FMT_NONE ? spec.sampleFormat
+        c->sample_rate = mediaSpec.sampleRate;
+        av_channel_layout_default(&c->ch_layout, mediaSpec.channels);
+        c->sample_fmt = mediaSpec.sampleFormat != AV_SAMPLE_FMT_NONE ? mediaSpec.sampleFormat
                         : codec->sample_fmts                    ? codec->sample_fmts[0]
                                                                 : AV_SAMPLE_FMT_S16;
-        c->time_base = AVRational{1, spec.sampleRate};
+        c->time_base = AVRational{1, mediaSpec.sampleRate};
         if (oc->oformat->flags & AVFMT_GLOBALHEADER)
             c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-        OpenEncoder(c, codec, spec.options);
+        OpenEncoder(c, codec, mediaSpec.options);
 
         const bool anySize = (codec->capabilities & AV_CODEC_CAP_VARIABLE_FRAME_SIZE) || c->frame_size <= 0;
         chunk_ = anySize ? 1024 : c->frame_size;
         if (!anySize && !(codec->capabilities & AV_CODEC_CAP_SMALL_LAST_FRAME) &&
-            spec.sampleFrames % chunk_ != 0)
-            Fail(QString("%1 needs whole frames of %2 samples").arg(spec.encoder).arg(chunk_));
+            mediaSpec.sampleFrames % chunk_ != 0)
+            Fail(QString("%1 needs whole frames of %2 samples").arg(mediaSpec.encoder).arg(chunk_));
 
         frame_.reset(Checked(av_frame_alloc(), "frame"));
         frame_->format = c->sample_fmt;
@@ -333,7 +333,7 @@ public:
         stream_ = Checked(avformat_new_stream(oc, nullptr), "cannot add stream");
         Check(avcodec_parameters_from_context(stream_->codecpar, c), "codec parameters");
         stream_->time_base = c->time_base;
-        done_ = spec.sampleFrames == 0;
+        done_ = mediaSpec.sampleFrames == 0;
     }
 
     int64_t NextTime() const override { return spec_.firstSample + next_; }
@@ -404,30 +404,30 @@ private:
     int next_ = 0;
 };
 
-void Write(const MediaSpec& spec, const QString& path)
+void Write(const MediaSpec& mediaSpec, const QString& path)
 {
     AVFormatContext* raw = nullptr;
-    const QByteArray container = spec.container.toUtf8();
+    const QByteArray container = mediaSpec.container.toUtf8();
     const QByteArray file = path.toUtf8();
     Check(avformat_alloc_output_context2(&raw, nullptr, container.constData(), file.constData()),
-          "no muxer named " + spec.container);
+          "no muxer named " + mediaSpec.container);
     OutputContextPtr oc(raw);
     oc->flags |= AVFMT_FLAG_BITEXACT;
 
     std::vector<std::unique_ptr<Track>> tracks;
-    for (const VideoSpec& v : spec.video)
+    for (const VideoSpec& v : mediaSpec.video)
         tracks.push_back(std::make_unique<VideoTrack>(oc.get(), v));
-    for (const AudioSpec& a : spec.audio)
+    for (const AudioSpec& a : mediaSpec.audio)
         tracks.push_back(std::make_unique<AudioTrack>(oc.get(), a));
-    if (spec.subtitleCues > 0)
-        tracks.push_back(std::make_unique<SubtitleTrack>(oc.get(), spec.subtitleCues));
+    if (mediaSpec.subtitleCues > 0)
+        tracks.push_back(std::make_unique<SubtitleTrack>(oc.get(), mediaSpec.subtitleCues));
     if (tracks.empty())
         Fail("no streams to write");
 
     if (!(oc->oformat->flags & AVFMT_NOFILE))
         Check(avio_open(&oc->pb, file.constData(), AVIO_FLAG_WRITE), "cannot create " + path);
     Dictionary muxerOptions;
-    FillOptions(muxerOptions, spec.muxerOptions);
+    FillOptions(muxerOptions, mediaSpec.muxerOptions);
     Check(avformat_write_header(oc.get(), muxerOptions.Slot()), "cannot write header");
     const QString left = muxerOptions.Leftover();
     if (!left.isEmpty())
@@ -467,10 +467,10 @@ extern "C" __attribute__((visibility("default"))) const char* __lsan_default_sup
 }
 #endif
 
-bool WriteMedia(const MediaSpec& spec, const QString& path, QString* error)
+bool WriteMedia(const MediaSpec& mediaSpec, const QString& path, QString* error)
 {
     try {
-        Write(spec, path);
+        Write(mediaSpec, path);
         return true;
     } catch (const WriteError& e) {
         if (error)
