@@ -246,37 +246,24 @@ TEST(DecodedAudioPlacement, EmptyFrameClearsTheCacheAndRestartsTheFill)
 // ---------------------------------------------------------------------------
 // Stitching
 
-TEST(DecodedAudioStitching, DifferentRunsPadTheLastFrameUpToTheNext)
+TEST(DecodedAudioStitching, DifferentRunsPadTheLastFrameUpToTheNextSameRunOnlyMovesTheEnd)
 {
-    DecodedAudio cache;
-    cache.SetMaxFrameCount(8);
-    auto last = std::make_shared<DecodedAudioFrame>(2048, 1024, kRate, 0, 999);
-    last->continuityTag = 1;
-    cache.AppendFrame(last);
-    EXPECT_EQ(cache.GetSize(), 2048);
-
-    cache.AppendFrame(MakeFrame(1, 21000, 1024, 2));
     // 20000 µs of gap is 960 sample frames at 48 kHz.
-    EXPECT_EQ(last->samplesPerChannel, 1984);
-    EXPECT_EQ(last->sampleCount, 3968);
-    EXPECT_EQ(last->bufferSampleCount, 2048);
-    EXPECT_EQ(last->endTime, 20999);
-    EXPECT_EQ(cache.GetSize(), 2048 + 1920 + 2048);
-    EXPECT_EQ(cache.GetEndTime(), EndOf(21000, 1024));
-}
-
-TEST(DecodedAudioStitching, SameRunOnlyMovesTheEnd)
-{
-    DecodedAudio cache;
-    cache.SetMaxFrameCount(8);
-    auto last = std::make_shared<DecodedAudioFrame>(2048, 1024, kRate, 0, 999);
-    last->continuityTag = 5;
-    cache.AppendFrame(last);
-    cache.AppendFrame(MakeFrame(1, 21000, 1024, 5));
-    EXPECT_EQ(last->samplesPerChannel, 1024);
-    EXPECT_EQ(last->sampleCount, 2048);
-    EXPECT_EQ(last->endTime, 20999);
-    EXPECT_EQ(cache.GetSize(), 4096);
+    for (const auto& [nextTag, padded] : {std::pair{2, 960}, std::pair{1, 0}}) {
+        SCOPED_TRACE(nextTag);
+        DecodedAudio cache;
+        cache.SetMaxFrameCount(8);
+        auto last = std::make_shared<DecodedAudioFrame>(2048, 1024, kRate, 0, 999);
+        last->continuityTag = 1;
+        cache.AppendFrame(last);
+        cache.AppendFrame(MakeFrame(1, 21000, 1024, nextTag));
+        EXPECT_EQ(last->samplesPerChannel, 1024 + padded);
+        EXPECT_EQ(last->sampleCount, 2 * (1024 + padded));
+        EXPECT_EQ(last->bufferSampleCount, 2048);
+        EXPECT_EQ(last->endTime, 20999);
+        EXPECT_EQ(cache.GetSize(), 4096 + 2 * padded);
+        EXPECT_EQ(cache.GetEndTime(), EndOf(21000, 1024));
+    }
 }
 
 TEST(DecodedAudioStitching, OverlapCutsTheLastFrameShortAndPlaysOnlyItsStart)
@@ -294,15 +281,6 @@ TEST(DecodedAudioStitching, OverlapCutsTheLastFrameShortAndPlaysOnlyItsStart)
     EXPECT_EQ(cache.GetSize(), 1088 + 960);
 
     EXPECT_TRUE(SameSamples(Fill(cache, 1100, 0), Cat({Span(0, 0, 544), Span(1, 0, 480), Silence(76)})));
-
-    // Truncated toward zero: 10001 µs of overlap is 480.048 sample frames.
-    DecodedAudio other;
-    other.SetMaxFrameCount(8);
-    const FramePtr longer = MakeFrame(0, 0, 1024, 1);
-    longer->endTime = 30000;
-    other.AppendFrame(longer);
-    other.AppendFrame(MakeFrame(1, 20000, 480, 2));
-    EXPECT_EQ(longer->samplesPerChannel, 544);
 }
 
 TEST(DecodedAudioStitching, PaddingBeyondTheStoredSamplesPlaysAsSilence)
@@ -480,31 +458,9 @@ TEST(DecodedAudioSlots, GrowsByHalfWhenOneSlotIsLeft)
     }
 }
 
-TEST(DecodedAudioSlots, GrowthKeepsAWrappedRingInOrder)
-{
-    DecodedAudio cache;
-    cache.SetMaxFrameCount(4);
-    cache.AppendFrame(MakeFrame(1, 10000, 480));
-    cache.AppendFrame(MakeFrame(2, 20000, 480));
-    cache.AppendFrame(MakeFrame(0, 0, 480)); // in front: wraps to the last slot
-    cache.AppendFrame(MakeFrame(3, 30000, 480));
-    EXPECT_EQ(cache.GetMaxFrameCount(), 6);
-    ASSERT_EQ(cache.GetFrameCount(), 4);
-    EXPECT_EQ(cache.FirstFrame()->startTime, 0);
-    EXPECT_EQ(cache.LastFrame()->startTime, 30000);
-    EXPECT_TRUE(SameSamples(Fill(cache, 1920, 0), Whole({0, 1, 2, 3})));
-}
-
 TEST(DecodedAudioSlots, GrowthMakesTheFillFindItsPlaceByTime)
 {
-    // Without growth the fill goes on where it stopped, whatever the time.
-    DecodedAudio roomy;
-    roomy.SetMaxFrameCount(16);
-    AppendBackToBack(roomy, 3, 480);
-    EXPECT_TRUE(SameSamples(Fill(roomy, 256, 0), Span(0, 0, 256)));
-    roomy.AppendFrame(MakeFrame(3, 30000, 480));
-    EXPECT_TRUE(SameSamples(Fill(roomy, 256, 20000), Cat({Span(0, 256, 224), Span(1, 0, 32)})));
-
+    // Without growth the fill would go on where it stopped (frame 0).
     DecodedAudio tight;
     tight.SetMaxFrameCount(4);
     AppendBackToBack(tight, 3, 480);
@@ -604,14 +560,8 @@ TEST(DecodedAudioFill, StartsInsideTheFrameAtPlayTimeThenGoesOnWhateverTheTime)
     EXPECT_TRUE(SameSamples(Fill(cache, 256, 10000), Span(0, 480, 256)));
     EXPECT_TRUE(SameSamples(Fill(cache, 256, 0), Span(0, 736, 256)));
     EXPECT_TRUE(SameSamples(Fill(cache, 16, 999999), Span(0, 992, 16)));
-}
-
-TEST(DecodedAudioFill, RunsOutIntoSilencePastTheNewestFrame)
-{
-    DecodedAudio cache;
-    cache.SetMaxFrameCount(8);
-    cache.AppendFrame(MakeFrame(0, 0, 1024));
-    EXPECT_TRUE(SameSamples(Fill(cache, 1000, 10000), Cat({Span(0, 480, 544), Silence(456)})));
+    // Past the newest frame: silence.
+    EXPECT_TRUE(SameSamples(Fill(cache, 100, 0), Cat({Span(0, 1008, 16), Silence(84)})));
 }
 
 TEST(DecodedAudioFill, IsSilentBeforeAndAfterTheCachedAudio)
@@ -778,35 +728,22 @@ void ExpectSpeed(double speed, const std::vector<int>& order)
     }
 }
 
-TEST(DecodedAudioSpeed, DoubleSpeedPlaysEveryOtherSampleFrame)
+TEST(DecodedAudioSpeed, FastDropsAndSlowRepeatsSampleFrames)
 {
-    std::vector<int> order;
-    for (int g = 0; g < kSpeedSource; g += 2)
-        order.push_back(g);
-    ASSERT_EQ(order.size(), 1500u);
-    ExpectSpeed(2.0, order);
-}
-
-TEST(DecodedAudioSpeed, OneAndAHalfDropsEveryThirdSampleFrame)
-{
-    std::vector<int> order;
+    // 2.0 plays every other, 1.5 drops every third, 0.5 plays each twice
+    // but the first.
+    std::vector<int> doubled, oneAndAHalf, half{0};
     for (int g = 0; g < kSpeedSource; ++g) {
+        if (g % 2 == 0)
+            doubled.push_back(g);
         if (g % 3 != 2)
-            order.push_back(g);
+            oneAndAHalf.push_back(g);
+        if (g > 0)
+            half.insert(half.end(), {g, g});
     }
-    ASSERT_EQ(order.size(), 2000u);
-    ExpectSpeed(1.5, order);
-}
-
-TEST(DecodedAudioSpeed, HalfSpeedPlaysEverySampleFrameTwiceButTheFirst)
-{
-    std::vector<int> order{0};
-    for (int g = 1; g < kSpeedSource; ++g) {
-        order.push_back(g);
-        order.push_back(g);
-    }
-    ASSERT_EQ(order.size(), 5999u);
-    ExpectSpeed(0.5, order);
+    ExpectSpeed(2.0, doubled);
+    ExpectSpeed(1.5, oneAndAHalf);
+    ExpectSpeed(0.5, half);
 }
 
 TEST(DecodedAudioSpeed, CountsFromOneFrameOf1024)
@@ -869,28 +806,34 @@ void ExpectUntouched(const std::vector<Samples>& calls, size_t from, size_t to)
         EXPECT_TRUE(SameSamples(calls[k], Span(int(k), 0, 960))) << "call " << k;
 }
 
-TEST(DecodedAudioDrift, AudioBehindThePlayPositionSkipsAhead)
+TEST(DecodedAudioDrift, FiveMeasurementsBeyondTheThresholdSkipOrHold)
 {
-    const auto calls = PlayWithDrift({15000, 15000, 15000, 15000, 15000});
-    ExpectUntouched(calls, 0, 4);
-    // Average 15000 µs: 720 sample frames of the fifth frame are skipped.
-    EXPECT_TRUE(SameSamples(calls[5], Cat({Span(5, 720, 240), Span(6, 0, 720)})));
-}
-
-TEST(DecodedAudioDrift, SkipJustAboveTheThreshold)
-{
-    const auto calls = PlayWithDrift({10001, 10001, 10001, 10001, 10001});
-    ExpectUntouched(calls, 0, 4);
-    EXPECT_TRUE(SameSamples(calls[5], Cat({Span(5, 480, 480), Span(6, 0, 480)})));
-}
-
-TEST(DecodedAudioDrift, AudioAheadOfThePlayPositionIsHeldBack)
-{
-    const auto calls = PlayWithDrift({-12000, -12000, -12000, -12000, -12000});
-    ExpectUntouched(calls, 0, 4);
-    // 576 copies of the fifth frame's first sample frame, then the frame.
     const Samples held = Repeated(Left(5, 0), static_cast<int16_t>(-Left(5, 0)), 576);
-    EXPECT_TRUE(SameSamples(calls[5], Cat({held, Span(5, 0, 384)})));
+    struct Case {
+        std::vector<long long> offsets;
+        Samples fifth; // call 5's output; empty: untouched
+    };
+    const Case cases[] = {
+        // Average 15000 µs behind: 720 sample frames of frame 5 skipped.
+        {{15000, 15000, 15000, 15000, 15000}, Cat({Span(5, 720, 240), Span(6, 0, 720)})},
+        {{10001, 10001, 10001, 10001, 10001}, Cat({Span(5, 480, 480), Span(6, 0, 480)})},
+        // 10000 is beyond tolerance, so it joins the average: 18000 µs.
+        {{10000, 20000, 20000, 20000, 20000}, Cat({Span(5, 864, 96), Span(6, 0, 864)})},
+        // Ahead: 576 copies of frame 5's first sample frame, then the frame.
+        {{-12000, -12000, -12000, -12000, -12000}, Cat({held, Span(5, 0, 384)})},
+        // Within tolerance starts the count over.
+        {{20000, 20000, 20000, 20000, 9999, 20000, 20000, 20000, 20000}, {}},
+        // Exactly on the threshold: measured, not corrected, count restarts.
+        {{10000, 10000, 10000, 10000, 10000, 15000, 15000, 15000, 15000}, {}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::PrintToString(c.offsets));
+        const auto calls = PlayWithDrift(c.offsets);
+        ExpectUntouched(calls, 0, c.fifth.empty() ? 9 : 4);
+        if (!c.fifth.empty()) {
+            EXPECT_TRUE(SameSamples(calls[5], c.fifth));
+        }
+    }
 }
 
 TEST(DecodedAudioDrift, HeldBackCopiesIgnoreTheVolume)
@@ -902,28 +845,6 @@ TEST(DecodedAudioDrift, HeldBackCopiesIgnoreTheVolume)
         expected.push_back(static_cast<int16_t>(-Left(5, i) / 2));
     }
     EXPECT_TRUE(SameSamples(calls[5], expected));
-}
-
-TEST(DecodedAudioDrift, AMeasurementWithinToleranceStartsTheCountOver)
-{
-    const auto calls = PlayWithDrift({20000, 20000, 20000, 20000, 9999, 20000, 20000, 20000, 20000});
-    ExpectUntouched(calls, 0, 9);
-}
-
-TEST(DecodedAudioDrift, AMeasurementJustOutsideToleranceCounts)
-{
-    // 10000 µs is beyond tolerance, so it joins the average: 18000 µs.
-    const auto calls = PlayWithDrift({10000, 20000, 20000, 20000, 20000});
-    ExpectUntouched(calls, 0, 4);
-    EXPECT_TRUE(SameSamples(calls[5], Cat({Span(5, 864, 96), Span(6, 0, 864)})));
-}
-
-TEST(DecodedAudioDrift, AverageOnTheThresholdIsLeftAlone)
-{
-    // Five of exactly 10000 µs are measured (beyond 9999) but not corrected;
-    // the count then starts over, so four more are not enough either.
-    const auto calls = PlayWithDrift({10000, 10000, 10000, 10000, 10000, 15000, 15000, 15000, 15000});
-    ExpectUntouched(calls, 0, 9);
 }
 
 TEST(DecodedAudioDrift, OnlyAtNormalSpeed)

@@ -30,16 +30,11 @@ namespace {
 
 using Records = QList<std::shared_ptr<DecodedAudioFrame>>;
 
-// swresample refuses an input layout mask of 0 ("Input channel layout is
-// invalid": it names no channel, so it cannot match the stream's count).
-// AudioDecoder then falls back to its built-in converter; the conversions
-// below that differ between the two show which one ran. A bad sample format
-// would not do: the first frame's own format replaces it and the resampler
-// starts after all.
+// swresample refuses a layout mask of 0, so AudioDecoder falls back to its
+// built-in converter; conversions that differ show which one ran.
 constexpr uint64_t kUnusableLayout = 0;
 
-// Sets the channel cap for one test and puts the old value back, also when
-// an assertion ends the test early.
+// Sets the channel cap for one scope.
 class ChannelCap
 {
 public:
@@ -48,8 +43,6 @@ public:
         AvGlobals::maxAudioOutputChannels = cap;
     }
     ~ChannelCap() { AvGlobals::maxAudioOutputChannels = previous_; }
-    ChannelCap(const ChannelCap&) = delete;
-    ChannelCap& operator=(const ChannelCap&) = delete;
 
 private:
     int previous_;
@@ -362,22 +355,14 @@ TEST(AudioDecoder, SetupRefusesOnlyANullContext)
     AudioDecoder fallback;
     EXPECT_TRUE(memory.Setup(fallback, {1, 48000}, kUnusableLayout));
     EXPECT_EQ(fallback.OutputChannels(), 2);
-}
 
-TEST(AudioDecoder, ResetDecoderDecodesNothingUntilSetUpAgain)
-{
-    MemoryDecoder memory;
-    ASSERT_TRUE(memory.Open("pcm_s16le", 2, 48000));
+    // Reset: nothing decodes until set up again.
     const std::vector<int16_t> values = {100, -100, 200, -200, 300, -300};
-    AudioDecoder decoder;
-    ASSERT_TRUE(memory.Setup(decoder, {1, 48000}));
-    decoder.Reset();
-    Records records;
-    decoder.Decode(MakePacket(values, 0).get(), records);
+    working.Reset();
+    working.Decode(MakePacket(values, 0).get(), records);
     EXPECT_TRUE(records.isEmpty());
-
-    ASSERT_TRUE(memory.Setup(decoder, {1, 48000}));
-    decoder.Decode(MakePacket(values, 0).get(), records);
+    ASSERT_TRUE(memory.Setup(working, {1, 48000}));
+    working.Decode(MakePacket(values, 0).get(), records);
     EXPECT_EQ(Joined(records, 2, 48000), values);
 }
 
@@ -490,42 +475,31 @@ TEST(AudioDecoder, ChannelCapMixesDownOnlyStreamsAboveIt)
 
 TEST(AudioDecoder, ResamplerConvertsEverySampleFormat)
 {
-    {
-        SCOPED_TRACE("u8 interleaved");
-        const Fixture& fixture = GetFixture(FixtureId::WavU8);
-        OpenedAudio audio;
-        ASSERT_TRUE(OpenAudio(fixture.path, audio));
-        ASSERT_EQ(audio.codec->sample_fmt, AV_SAMPLE_FMT_U8);
-        AudioDecoder decoder;
-        ASSERT_TRUE(SetupFor(decoder, audio));
-        EXPECT_TRUE(EverySampleIs(Joined(DecodeAll(decoder, audio), 2, 22050), 2, fixture.streams[0].frameCount,
-                                  FromU8));
-    }
-    {
-        SCOPED_TRACE("float interleaved");
-        const Fixture& fixture = GetFixture(FixtureId::WavFloat);
-        OpenedAudio audio;
-        ASSERT_TRUE(OpenAudio(fixture.path, audio));
-        ASSERT_EQ(audio.codec->sample_fmt, AV_SAMPLE_FMT_FLT);
-        AudioDecoder decoder;
-        ASSERT_TRUE(SetupFor(decoder, audio));
-        EXPECT_TRUE(EverySampleIs(Joined(DecodeAll(decoder, audio), 2, 44100), 2, fixture.streams[0].frameCount,
-                                  FromFloat));
-    }
-
+    // s16p and fltp go through the resampler in the format-change test.
     QTemporaryDir dir;
-    const int64_t frames = 30000;
-    for (AVSampleFormat format : {AV_SAMPLE_FMT_S16P, AV_SAMPLE_FMT_S32P, AV_SAMPLE_FMT_FLTP}) {
-        const std::string name = av_get_sample_fmt_name(format);
-        SCOPED_TRACE(name + " planar");
-        const QString path = WritePlanarWavPack(dir, format, 2, frames, QString::fromStdString(name) + ".wv");
+    struct Case {
+        QString path;
+        AVSampleFormat format;
+        int rate;
+        int64_t frames;
+        ExpectedSample value;
+    };
+    const Case cases[] = {
+        {GetFixture(FixtureId::WavU8).path, AV_SAMPLE_FMT_U8, 22050, GetFixture(FixtureId::WavU8).streams[0].frameCount,
+         FromU8},
+        {GetFixture(FixtureId::WavFloat).path, AV_SAMPLE_FMT_FLT, 44100,
+         GetFixture(FixtureId::WavFloat).streams[0].frameCount, FromFloat},
+        {WritePlanarWavPack(dir, AV_SAMPLE_FMT_S32P, 2, 30000, "s32p.wv"), AV_SAMPLE_FMT_S32P, 48000, 30000,
+         PositionSample},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(av_get_sample_fmt_name(c.format));
         OpenedAudio audio;
-        ASSERT_TRUE(OpenAudio(path, audio));
-        ASSERT_EQ(audio.codec->sample_fmt, format);
+        ASSERT_TRUE(OpenAudio(c.path, audio));
+        ASSERT_EQ(audio.codec->sample_fmt, c.format);
         AudioDecoder decoder;
         ASSERT_TRUE(SetupFor(decoder, audio));
-        // Positional s32 and float values convert back to the s16 position.
-        EXPECT_TRUE(EverySampleIs(Joined(DecodeAll(decoder, audio), 2, 48000), 2, frames, PositionSample));
+        EXPECT_TRUE(EverySampleIs(Joined(DecodeAll(decoder, audio), 2, c.rate), 2, c.frames, c.value));
     }
 }
 
@@ -614,57 +588,19 @@ TEST(AudioDecoder, BuiltInConverterReadsFourByteSamplesAsFloatAndSilencesWiderOn
     }
 }
 
-TEST(AudioDecoder, BuiltInConverterReadsPlanarInput)
-{
-    QTemporaryDir dir;
-    const int64_t frames = 30000;
-    {
-        SCOPED_TRACE("s16 planar");
-        OpenedAudio audio;
-        ASSERT_TRUE(OpenAudio(WritePlanarWavPack(dir, AV_SAMPLE_FMT_S16P, 2, frames, "s16p.wv"), audio));
-        ASSERT_EQ(audio.codec->sample_fmt, AV_SAMPLE_FMT_S16P);
-        AudioDecoder decoder;
-        ASSERT_TRUE(SetupFor(decoder, audio, kUnusableLayout));
-        EXPECT_TRUE(EverySampleIs(Joined(DecodeAll(decoder, audio), 2, 48000), 2, frames, PositionSample));
-    }
-    {
-        SCOPED_TRACE("float planar");
-        OpenedAudio audio;
-        ASSERT_TRUE(OpenAudio(WritePlanarWavPack(dir, AV_SAMPLE_FMT_FLTP, 2, frames, "fltp.wv"), audio));
-        ASSERT_EQ(audio.codec->sample_fmt, AV_SAMPLE_FMT_FLTP);
-        AudioDecoder decoder;
-        ASSERT_TRUE(SetupFor(decoder, audio, kUnusableLayout));
-        EXPECT_TRUE(EverySampleIs(Joined(DecodeAll(decoder, audio), 2, 48000), 2, frames, FromFloatBuiltIn));
-    }
-}
-
 TEST(AudioDecoder, BuiltInConverterKeepsTheFirstChannelsUpToTheCap)
 {
-    {
-        SCOPED_TRACE("interleaved six channels, cap 2");
-        ChannelCap cap(2);
-        const Fixture& fixture = GetFixture(FixtureId::WavSixChannels);
-        OpenedAudio audio;
-        ASSERT_TRUE(OpenAudio(fixture.path, audio));
-        AudioDecoder decoder;
-        ASSERT_TRUE(SetupFor(decoder, audio, kUnusableLayout));
-        EXPECT_EQ(decoder.OutputChannels(), 2);
-        EXPECT_TRUE(EverySampleIs(Joined(DecodeAll(decoder, audio), 2, 48000), 2, fixture.streams[0].frameCount,
-                                  PositionSample));
-    }
-    {
-        SCOPED_TRACE("planar six channels, cap 3");
-        ChannelCap cap(3);
-        QTemporaryDir dir;
-        const int64_t frames = 20000;
-        OpenedAudio audio;
-        ASSERT_TRUE(OpenAudio(WritePlanarWavPack(dir, AV_SAMPLE_FMT_S16P, 6, frames, "six.wv"), audio));
-        ASSERT_EQ(audio.Channels(), 6);
-        AudioDecoder decoder;
-        ASSERT_TRUE(SetupFor(decoder, audio, kUnusableLayout));
-        EXPECT_EQ(decoder.OutputChannels(), 3);
-        EXPECT_TRUE(EverySampleIs(Joined(DecodeAll(decoder, audio), 3, 48000), 3, frames, PositionSample));
-    }
+    // Planar six channels, cap 3 (interleaved input: the u8 case above).
+    ChannelCap cap(3);
+    QTemporaryDir dir;
+    const int64_t frames = 20000;
+    OpenedAudio audio;
+    ASSERT_TRUE(OpenAudio(WritePlanarWavPack(dir, AV_SAMPLE_FMT_S16P, 6, frames, "six.wv"), audio));
+    ASSERT_EQ(audio.Channels(), 6);
+    AudioDecoder decoder;
+    ASSERT_TRUE(SetupFor(decoder, audio, kUnusableLayout));
+    EXPECT_EQ(decoder.OutputChannels(), 3);
+    EXPECT_TRUE(EverySampleIs(Joined(DecodeAll(decoder, audio), 3, 48000), 3, frames, PositionSample));
 }
 
 // ---------------------------------------------------------------------------
