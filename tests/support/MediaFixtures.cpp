@@ -94,7 +94,7 @@ ExpectedStream StartingAt(ExpectedStream s, int64_t firstPtsUs)
     return s;
 }
 
-MediaSpec Spec(const char* container, std::vector<VideoSpec> video, std::vector<AudioSpec> audio)
+MediaSpec MakeMedia(const char* container, std::vector<VideoSpec> video, std::vector<AudioSpec> audio)
 {
     MediaSpec s;
     s.container = container;
@@ -122,7 +122,7 @@ std::vector<Entry> BuildCatalogue()
     };
 
     {
-        MediaSpec s = Spec("mp4", {Video("libx264", 320, 240, 50)}, {Audio("aac", 48000, 2, 96000)});
+        MediaSpec s = MakeMedia("mp4", {Video("libx264", 320, 240, 50)}, {Audio("aac", 48000, 2, 96000)});
         add(FixtureId::H264AacMp4, ".mp4", s,
             Expect("h264_aac_mp4", kMp4Format, 2000000,
                    {VideoStream("h264", 320, 240, 50),
@@ -131,7 +131,7 @@ std::vector<Entry> BuildCatalogue()
     {
         VideoSpec v = Video("mpeg4", 320, 240, 50);
         v.options = {{"b", "1M"}};
-        MediaSpec s = Spec("mp4", {v}, {});
+        MediaSpec s = MakeMedia("mp4", {v}, {});
         add(FixtureId::Mpeg4Mp4, ".mp4", s,
             Expect("mpeg4_mp4", kMp4Format, 2000000,
                    {WithSar(VideoStream("mpeg4", 320, 240, 50), 1, 1)}));
@@ -142,7 +142,7 @@ std::vector<Entry> BuildCatalogue()
         // A floor on the quantiser keeps the sharp code edges from
         // overflowing MPEG-1's coefficient range.
         v.options = {{"b", "1M"}, {"qmin", "5"}};
-        MediaSpec s = Spec("mpeg", {v}, {Audio("mp2", 48000, 2, 1152 * 84)});
+        MediaSpec s = MakeMedia("mpeg", {v}, {Audio("mp2", 48000, 2, 1152 * 84)});
         // The muxer delays everything by its 0.5 s preload, and by one more
         // frame so the B-frame reordering delay keeps decode times positive.
         add(FixtureId::Mpeg1Ps, ".mpg", s,
@@ -155,14 +155,14 @@ std::vector<Entry> BuildCatalogue()
         v.firstPts = 250; // 10 s at 25 fps
         AudioSpec a = Audio("mp2", 48000, 2, 1152 * 84);
         a.firstSample = 480000;
-        MediaSpec s = Spec("mpegts", {v}, {a});
+        MediaSpec s = MakeMedia("mpegts", {v}, {a});
         add(FixtureId::LateStartTs, ".ts", s,
             Expect("late_start_ts", "mpegts", 2016000,
                    {StartingAt(VideoStream("h264", 320, 240, 50), 10000000),
                     AudioStream("mp2", 48000, 2, AV_SAMPLE_FMT_S16P, 1152 * 84)}));
     }
     {
-        MediaSpec s = Spec("matroska",
+        MediaSpec s = MakeMedia("matroska",
                     {Video("libx264", 320, 240, 50), Video("mpeg4", 160, 120, 50)},
                     {PositionalPcm("pcm_s16le", 48000, 2, 96000)});
         s.video[1].options = {{"b", "500k"}};
@@ -183,7 +183,7 @@ std::vector<Entry> BuildCatalogue()
         // negative times and MP4's edit lists hide them, so neither will do.
         VideoSpec v = Video("libx264", 320, 240, 50);
         v.firstPts = -2;
-        MediaSpec s = Spec("mpegts", {v}, {});
+        MediaSpec s = MakeMedia("mpegts", {v}, {});
         // Left alone, the muxer shifts everything up to 0.
         s.muxerOptions = {{"avoid_negative_ts", "disabled"}};
         add(FixtureId::NegativeStart, ".ts", s,
@@ -195,7 +195,7 @@ std::vector<Entry> BuildCatalogue()
         v.rateNum = 30000;
         v.rateDen = 1001;
         v.gop = 30;
-        MediaSpec s = Spec("mp4", {v}, {});
+        MediaSpec s = MakeMedia("mp4", {v}, {});
         add(FixtureId::Ntsc2997, ".mp4", s,
             Expect("ntsc_2997_mp4", kMp4Format, 2002000,
                    {VideoStream("h264", 320, 240, 60, 30000, 1001)}));
@@ -204,7 +204,7 @@ std::vector<Entry> BuildCatalogue()
         VideoSpec v = Video("libx264", 720, 576, 25);
         v.sarNum = 64;
         v.sarDen = 45;
-        MediaSpec s = Spec("mp4", {v}, {});
+        MediaSpec s = MakeMedia("mp4", {v}, {});
         add(FixtureId::Anamorphic, ".mp4", s,
             Expect("anamorphic_mp4", kMp4Format, 1000000,
                    {WithSar(VideoStream("h264", 720, 576, 25), 64, 45)}));
@@ -212,37 +212,37 @@ std::vector<Entry> BuildCatalogue()
     {
         VideoSpec v = Video("libx264", 320, 240, 25);
         v.rotateClockwise = 90;
-        MediaSpec s = Spec("mp4", {v}, {});
+        MediaSpec s = MakeMedia("mp4", {v}, {});
         ExpectedStream e = VideoStream("h264", 320, 240, 25);
         e.rotate = "90";
         add(FixtureId::Rotated90, ".mp4", s, Expect("rotated_90_mp4", kMp4Format, 1000000, {e}));
     }
     {
-        MediaSpec s = Spec("wav", {}, {PositionalPcm("pcm_s16le", 48000, 2, 72000)});
+        MediaSpec s = MakeMedia("wav", {}, {PositionalPcm("pcm_s16le", 48000, 2, 72000)});
         add(FixtureId::WavS16Stereo, ".wav", s,
             Expect("wav_s16_stereo", "wav", 1500000,
                    {AudioStream("pcm_s16le", 48000, 2, AV_SAMPLE_FMT_S16, 72000, true)}));
     }
     {
-        MediaSpec s = Spec("wav", {}, {PositionalPcm("pcm_u8", 22050, 2, 22050)});
+        MediaSpec s = MakeMedia("wav", {}, {PositionalPcm("pcm_u8", 22050, 2, 22050)});
         add(FixtureId::WavU8, ".wav", s,
             Expect("wav_u8", "wav", 1000000,
                    {AudioStream("pcm_u8", 22050, 2, AV_SAMPLE_FMT_U8, 22050, true)}));
     }
     {
-        MediaSpec s = Spec("wav", {}, {PositionalPcm("pcm_f32le", 44100, 2, 44100)});
+        MediaSpec s = MakeMedia("wav", {}, {PositionalPcm("pcm_f32le", 44100, 2, 44100)});
         add(FixtureId::WavFloat, ".wav", s,
             Expect("wav_float", "wav", 1000000,
                    {AudioStream("pcm_f32le", 44100, 2, AV_SAMPLE_FMT_FLT, 44100, true)}));
     }
     {
-        MediaSpec s = Spec("wav", {}, {PositionalPcm("pcm_s16le", 48000, 6, 48000)});
+        MediaSpec s = MakeMedia("wav", {}, {PositionalPcm("pcm_s16le", 48000, 6, 48000)});
         add(FixtureId::WavSixChannels, ".wav", s,
             Expect("wav_six_channels", "wav", 1000000,
                    {AudioStream("pcm_s16le", 48000, 6, AV_SAMPLE_FMT_S16, 48000, true)}));
     }
     {
-        MediaSpec s = Spec("image2", {Video("png", 320, 240, 1)}, {});
+        MediaSpec s = MakeMedia("image2", {Video("png", 320, 240, 1)}, {});
         s.muxerOptions = {{"update", "1"}}; // one file, no sequence pattern
         ExpectedStream e = VideoStream("png", 320, 240, 1, 0, 1);
         Fixture f = Expect("png_still", "png_pipe", -1, {e});
@@ -253,7 +253,7 @@ std::vector<Entry> BuildCatalogue()
         // A fragmented-MP4 header with no fragments. This FFmpeg's Matroska
         // and NUT demuxers refuse files without packets, and plain MP4 leaves
         // empty tracks out.
-        MediaSpec s = Spec("mp4", {Video("libx264", 320, 240, 0)}, {});
+        MediaSpec s = MakeMedia("mp4", {Video("libx264", 320, 240, 0)}, {});
         s.muxerOptions = {{"movflags", "empty_moov"}};
         Fixture f = Expect("no_packets_mp4", kMp4Format, -1,
                            {VideoStream("h264", 320, 240, 0)});
