@@ -12,6 +12,7 @@
 #include <MolvaneAV/MediaInstance.h>
 #include <MolvaneAV/MediaReader.h>
 
+#include "support/HostHelpers.h"
 #include "support/MediaFixtures.h"
 
 #include <gtest/gtest.h>
@@ -81,16 +82,6 @@ QString ClipPath(const Setup& setup)
         written[path] = true;
     }
     return path;
-}
-
-int RowStride(int width)
-{
-    return (3 * width + 3) / 4 * 4;
-}
-
-int PaintedIndex(const DecodedVideoFrame& frame)
-{
-    return ReadFrameIndex(frame.data, frame.width, frame.height, RowStride(frame.width));
 }
 
 // What a plain front-to-back decode shows.

@@ -8,6 +8,7 @@
 #include <MolvaneAV/AvGlobals.h>
 
 #include "support/FfmpegPtr.h"
+#include "support/HostHelpers.h"
 #include "support/MediaFixtures.h"
 
 extern "C" {
@@ -35,19 +36,6 @@ using Records = QList<std::shared_ptr<DecodedAudioFrame>>;
 constexpr uint64_t kUnusableLayout = 0;
 
 // Sets the channel cap for one scope.
-class ChannelCap
-{
-public:
-    explicit ChannelCap(int cap) : previous_(AvGlobals::maxAudioOutputChannels)
-    {
-        AvGlobals::maxAudioOutputChannels = cap;
-    }
-    ~ChannelCap() { AvGlobals::maxAudioOutputChannels = previous_; }
-
-private:
-    int previous_;
-};
-
 uint64_t LayoutMask(const AVChannelLayout& layout)
 {
     if (layout.order == AV_CHANNEL_ORDER_NATIVE)

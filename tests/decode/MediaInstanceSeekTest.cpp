@@ -9,6 +9,7 @@
 #include <MolvaneAV/Settings.h>
 
 #include "support/LogCapture.h"
+#include "support/HostHelpers.h"
 #include "support/MediaFixtures.h"
 
 extern "C" {
@@ -217,24 +218,6 @@ QString ClipPath(const Clip& clip)
     if (!WriteMedia(clip.media, path, &error))
         throw std::runtime_error("cannot write " + clip.name + ": " + error.toStdString());
     return written.emplace(clip.name, path).first->second;
-}
-
-std::shared_ptr<MediaInfo> Probe(const QString& path, bool isImage = false)
-{
-    auto info = std::make_shared<MediaInfo>(path);
-    info->isImage = isImage;
-    EXPECT_TRUE(MediaReader::ParseMedia(info)) << path.toStdString();
-    return info;
-}
-
-int RowStride(int width)
-{
-    return (3 * width + 3) / 4 * 4;
-}
-
-int PaintedIndex(const DecodedVideoFrame& frame)
-{
-    return ReadFrameIndex(frame.data, frame.width, frame.height, RowStride(frame.width));
 }
 
 // ---------------------------------------------------------------------------

@@ -6,6 +6,7 @@
 #include <MolvaneAV/MediaReader.h>
 
 #include "support/LogCapture.h"
+#include "support/HostHelpers.h"
 #include "support/MediaFixtures.h"
 
 #include <gtest/gtest.h>
@@ -22,20 +23,6 @@ namespace {
 using AudioList = QList<std::shared_ptr<DecodedAudioFrame>>;
 using VideoList = QList<std::shared_ptr<DecodedVideoFrame>>;
 
-std::shared_ptr<MediaInfo> Probe(const QString& path, bool isImage = false)
-{
-    auto info = std::make_shared<MediaInfo>(path);
-    info->isImage = isImage;
-    EXPECT_TRUE(MediaReader::ParseMedia(info)) << path.toStdString();
-    return info;
-}
-
-std::shared_ptr<MediaInfo> Probe(FixtureId id)
-{
-    const Fixture& fixture = GetFixture(id);
-    return Probe(fixture.path, fixture.isImage);
-}
-
 struct Decoded {
     AudioList audio;
     VideoList video;
@@ -50,11 +37,6 @@ Decoded DecodeAll(MediaInstance& instance, int64_t targetTime = -1)
         ++decoded.calls;
     }
     return decoded;
-}
-
-int RowStride(int width)
-{
-    return (3 * width + 3) / 4 * 4;
 }
 
 std::vector<int> PaintedIndexes(const VideoList& video)
@@ -85,19 +67,6 @@ std::vector<int64_t> SamplePositions(const AudioList& audio, int channels)
     }
     return positions;
 }
-
-class ChannelCap
-{
-public:
-    explicit ChannelCap(int cap) : previous_(AvGlobals::maxAudioOutputChannels)
-    {
-        AvGlobals::maxAudioOutputChannels = cap;
-    }
-    ~ChannelCap() { AvGlobals::maxAudioOutputChannels = previous_; }
-
-private:
-    int previous_;
-};
 
 } // namespace
 

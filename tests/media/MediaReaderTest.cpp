@@ -2,6 +2,7 @@
 #include <MolvaneAV/MediaReader.h>
 
 #include "support/LogCapture.h"
+#include "support/HostHelpers.h"
 #include "support/MediaFixtures.h"
 
 extern "C" {
@@ -25,7 +26,7 @@ using namespace molvane::test;
 
 namespace {
 
-std::shared_ptr<MediaInfo> Probe(const QString& path, bool isImage = false, bool* ok = nullptr)
+std::shared_ptr<MediaInfo> TryProbe(const QString& path, bool isImage = false, bool* ok = nullptr)
 {
     auto info = std::make_shared<MediaInfo>(path);
     info->isImage = isImage;
@@ -39,7 +40,7 @@ std::shared_ptr<MediaInfo> ProbeFixture(FixtureId id)
 {
     const Fixture& fixture = GetFixture(id);
     bool ok = false;
-    auto info = Probe(fixture.path, fixture.isImage, &ok);
+    auto info = TryProbe(fixture.path, fixture.isImage, &ok);
     EXPECT_TRUE(ok) << fixture.name.toStdString();
     return info;
 }
@@ -54,20 +55,6 @@ void ExpectFailedRecord(const MediaInfo& info)
     EXPECT_FALSE(info.IsInitialized());
     EXPECT_EQ(info.GetNumAudioStreams(), 0);
     EXPECT_EQ(info.GetNumVideoStreams(), 0);
-}
-
-QByteArray ReadAll(const QString& path)
-{
-    QFile file(path);
-    EXPECT_TRUE(file.open(QIODevice::ReadOnly)) << path.toStdString();
-    return file.readAll();
-}
-
-void WriteAll(const QString& path, const QByteArray& bytes)
-{
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate)) << path.toStdString();
-    ASSERT_EQ(file.write(bytes), bytes.size());
 }
 
 // The record as probing must fill it for a stream the fixture wrote.
@@ -197,7 +184,7 @@ TEST(MediaReader, DeclaredFrameCountWinsOnlyWhenOffByOne)
     const QString path = dir.filePath(QStringLiteral("long_audio.mp4"));
     ASSERT_TRUE(WriteMedia(mediaSpec, path));
 
-    auto info = Probe(path);
+    auto info = TryProbe(path);
     ASSERT_EQ(info->GetNumVideoStreams(), 1);
     ASSERT_GE(info->duration, 2000000);
     EXPECT_EQ(info->GetNumFrames(), (info->duration + 39999) / 40000);
@@ -259,7 +246,7 @@ TEST(MediaReader, StreamWithoutDecoderKeepsADefaultRecord)
 
     LogCapture log;
     bool ok = false;
-    auto info = Probe(path, false, &ok);
+    auto info = TryProbe(path, false, &ok);
     ASSERT_TRUE(ok);
     EXPECT_TRUE(info->IsInitialized());
     EXPECT_TRUE(log.Messages().contains(QStringLiteral("Video decoder not found.")));
@@ -279,7 +266,7 @@ TEST(MediaReader, MissingFileIsReportedWithItsAbsolutePath)
     const QString relative = QDir::current().relativeFilePath(dir.filePath(QStringLiteral("nothing here.mp4")));
     LogCapture log;
     bool ok = true;
-    auto info = Probe(relative, false, &ok);
+    auto info = TryProbe(relative, false, &ok);
 
     EXPECT_FALSE(ok);
     ExpectFailedRecord(*info);
@@ -306,7 +293,7 @@ TEST(MediaReader, UnreadableInputsFailCleanly)
         SCOPED_TRACE(path.toStdString());
         LogCapture log;
         bool ok = true;
-        auto info = Probe(path, false, &ok);
+        auto info = TryProbe(path, false, &ok);
         EXPECT_FALSE(ok);
         ExpectFailedRecord(*info);
         ASSERT_EQ(log.Messages().size(), 1);
@@ -326,7 +313,7 @@ TEST(MediaReader, TruncatedFilesNeverCrash)
         WriteAll(path, whole.left(whole.size() * percent / 100));
         LogCapture log;
         bool ok = false;
-        auto info = Probe(path, false, &ok);
+        auto info = TryProbe(path, false, &ok);
         // Either it fails with a message and an empty record, or it probes
         // what it could; never a half-filled failure.
         if (ok) {
@@ -347,7 +334,7 @@ TEST(MediaReader, PathsWithSpacesAndNonAsciiLetters)
     ASSERT_TRUE(QFile::copy(GetFixture(FixtureId::H264AacMp4).path, path));
 
     bool ok = false;
-    auto info = Probe(path, false, &ok);
+    auto info = TryProbe(path, false, &ok);
     ASSERT_TRUE(ok);
     EXPECT_EQ(info->GetFileName(), QStringLiteral("Ünïcödé clip ✓.mp4"));
     EXPECT_EQ(info->GetNumVideoStreams(), 1);
@@ -366,7 +353,7 @@ TEST(MediaReader, FileWithoutReadPermission)
 
     LogCapture log;
     bool ok = true;
-    auto info = Probe(path, false, &ok);
+    auto info = TryProbe(path, false, &ok);
     EXPECT_FALSE(ok);
     ExpectFailedRecord(*info);
     EXPECT_EQ(log.Messages(),

@@ -8,6 +8,7 @@
 
 #include "support/FfmpegPtr.h"
 #include "support/LogCapture.h"
+#include "support/HostHelpers.h"
 #include "support/MediaFixtures.h"
 
 #include <gtest/gtest.h>
@@ -24,14 +25,6 @@ using namespace molvane::test;
 namespace {
 
 constexpr int kProbeWindow = 250; // packets ParseMedia reads at most
-
-std::shared_ptr<MediaInfo> Probe(const QString& path, bool isImage = false)
-{
-    auto info = std::make_shared<MediaInfo>(path);
-    info->isImage = isImage;
-    EXPECT_TRUE(MediaReader::ParseMedia(info)) << path.toStdString();
-    return info;
-}
 
 const VideoStream* StreamWithIndex(const MediaInfo& info, int index)
 {
@@ -149,20 +142,6 @@ QString WriteStaggeredStarts(const QTemporaryDir& dir)
     mediaSpec.container = QStringLiteral("matroska");
     mediaSpec.video = {SmallVideo("libx264", 20, 10), SmallVideo("mpeg4", 20, 20)};
     return Write(dir, QStringLiteral("staggered.mkv"), mediaSpec);
-}
-
-QByteArray ReadAll(const QString& path)
-{
-    QFile file(path);
-    EXPECT_TRUE(file.open(QIODevice::ReadOnly)) << path.toStdString();
-    return file.readAll();
-}
-
-void WriteAll(const QString& path, const QByteArray& bytes)
-{
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate)) << path.toStdString();
-    ASSERT_EQ(file.write(bytes), bytes.size());
 }
 
 } // namespace
