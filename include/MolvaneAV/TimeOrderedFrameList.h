@@ -45,8 +45,10 @@ protected:
     void ForceClearList();
     // Releases up to two slots of the retired vector.
     void ReleaseRetiredSlots();
-    // The frames in time order in 1.5 times the slots; the caller installs
-    // them with InstallSlots (the audio cache under its lock).
+    // The frames in time order from slot 0 of a vector of slotCount slots;
+    // the caller installs it with InstallSlots (the audio cache under its
+    // lock). GrownSlots gives 1.5 times the capacity.
+    QVector<FramePtr> RepackedSlots(int slotCount) const;
     QVector<FramePtr> GrownSlots() const;
     void InstallSlots(QVector<FramePtr> slots);
     // Ring steps shared by the pushes.

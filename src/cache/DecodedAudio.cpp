@@ -52,13 +52,7 @@ void DecodedAudio::SetMaxFrameCount(int count)
     const int frames = List::GetFrameCount();
     if (frames > 0) {
         // Keep the frames, in order from slot 0, with one slot to spare.
-        QVector<FramePtr> packed(std::max(slots, frames + 1));
-        const QVector<FramePtr>& active = frameBuffers[activeBuffer];
-        for (int n = 0, slot = firstIndex; n < frames; ++n, slot = SlotAfter(slot))
-            packed[n] = active.at(slot);
-        frameBuffers[activeBuffer] = std::move(packed);
-        firstIndex = 0;
-        lastIndex = frames - 1;
+        InstallSlots(RepackedSlots(std::max(slots, frames + 1)));
         // The fill's slot index means nothing in the new vector.
         ++paFlushCount;
     } else {

@@ -218,14 +218,20 @@ void TimeOrderedFrameList<Frame>::ReleaseRetiredSlots()
 }
 
 template <typename Frame>
-QVector<typename TimeOrderedFrameList<Frame>::FramePtr> TimeOrderedFrameList<Frame>::GrownSlots() const
+QVector<typename TimeOrderedFrameList<Frame>::FramePtr> TimeOrderedFrameList<Frame>::RepackedSlots(int slotCount) const
 {
     const QVector<FramePtr>& slots = frameBuffers[activeBuffer];
-    QVector<FramePtr> grown(static_cast<int>(static_cast<float>(slots.size()) * 1.5f));
+    QVector<FramePtr> repacked(slotCount);
     const int count = GetFrameCount();
-    for (int n = 0, slot = firstIndex; n < count && n < grown.size(); ++n, slot = SlotAfter(slot))
-        grown[n] = slots.at(slot);
-    return grown;
+    for (int n = 0, slot = firstIndex; n < count && n < repacked.size(); ++n, slot = SlotAfter(slot))
+        repacked[n] = slots.at(slot);
+    return repacked;
+}
+
+template <typename Frame>
+QVector<typename TimeOrderedFrameList<Frame>::FramePtr> TimeOrderedFrameList<Frame>::GrownSlots() const
+{
+    return RepackedSlots(static_cast<int>(static_cast<float>(frameBuffers[activeBuffer].size()) * 1.5f));
 }
 
 template <typename Frame>

@@ -384,11 +384,8 @@ void MediaInstance::DecodePacket(QList<std::shared_ptr<DecodedAudioFrame>>& audi
         if (streamIndex < 0 || streamIndex == videoStreamIndex)
             videoDecoder->Decode(packet, videoFrames, targetTime);
         ReleasePacket();
-        if (!endOfFile) {
-            const bool ok = MediaReader::GetPacket(formatContext, packet);
-            hasPacket = true;
-            endOfFile = !ok;
-        }
+        if (!endOfFile)
+            ReadNextPacket();
     } while (audioStreamIndex >= 0 && hasPacket && packet->stream_index == audioStreamIndex);
 }
 

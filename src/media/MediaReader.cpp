@@ -5,6 +5,7 @@
 #include "foundation/FfmpegCompat.h"
 #include "foundation/FfmpegGuards.h"
 #include "media/StartTimeProbe.h"
+#include "media/StreamDecoder.h"
 
 #include <QFileInfo>
 
@@ -12,6 +13,7 @@
 #include <string>
 
 using molvane::CodecContextPtr;
+using molvane::OpenStreamDecoder;
 using molvane::InputContextPtr;
 
 namespace {
@@ -57,40 +59,6 @@ void AddRotateTag(const AVStream* stream, QMap<QString, QString>& metadata)
     if (degrees < 0)
         degrees += 360;
     metadata.insert(key, QString::number(degrees));
-}
-
-// What to say when a stream's decoder cannot be opened; the video and audio
-// readers word their failures differently.
-struct OpenFailureMessages {
-    const char* noContext;
-    const char* noDecoder;
-    const char* notOpened;
-};
-
-// Opens the decoder of one container stream on a context of its own. Null,
-// with one message logged, when any step fails.
-CodecContextPtr OpenStreamDecoder(const AVStream* stream, bool decoderChoosesThreads,
-                                  const OpenFailureMessages& messages)
-{
-    CodecContextPtr codecContext(avcodec_alloc_context3(nullptr));
-    if (!codecContext || avcodec_parameters_to_context(codecContext.get(), stream->codecpar) < 0) {
-        Logger::GetInstance()->Error(messages.noContext);
-        return nullptr;
-    }
-    if (decoderChoosesThreads)
-        codecContext->thread_count = 0;
-
-    molvane::compat::Codec* decoder = avcodec_find_decoder(codecContext->codec_id);
-    if (decoder == nullptr) {
-        Logger::GetInstance()->Error(messages.noDecoder);
-        return nullptr;
-    }
-    const int result = avcodec_open2(codecContext.get(), decoder, nullptr);
-    if (result < 0) {
-        Logger::GetInstance()->Error(QString::fromUtf8(messages.notOpened), result);
-        return nullptr;
-    }
-    return codecContext;
 }
 
 } // namespace

@@ -1,10 +1,11 @@
 #include "media/StartTimeProbe.h"
 
 #include <MolvaneAV/Logger.h>
+#include <MolvaneAV/MediaReader.h>
 
 #include "decode/VideoDecoder.h"
-#include "foundation/FfmpegCompat.h"
 #include "foundation/FfmpegGuards.h"
+#include "media/StreamDecoder.h"
 
 #include <vector>
 
@@ -23,14 +24,7 @@ std::vector<PacketPtr> ReadProbePackets(AVFormatContext* context)
         PacketPtr packet(av_packet_alloc());
         if (!packet)
             break;
-        const bool ok = av_read_frame(context, packet.get()) >= 0;
-        if (!ok) {
-            av_packet_unref(packet.get());
-            compat::InitPacket(packet.get());
-            packet->data = nullptr;
-            packet->size = 0;
-            packet->stream_index = -1;
-        }
+        const bool ok = MediaReader::GetPacket(context, packet.get());
         packets.push_back(std::move(packet));
         if (!ok)
             break;
@@ -46,11 +40,8 @@ QList<std::shared_ptr<DecodedVideoFrame>> FirstFrames(const VideoStream& stream,
     QList<std::shared_ptr<DecodedVideoFrame>> frames;
     const AVStream* avStream = context->streams[stream.index];
 
-    CodecContextPtr codecContext(avcodec_alloc_context3(nullptr));
-    if (!codecContext || avcodec_parameters_to_context(codecContext.get(), avStream->codecpar) < 0)
-        return frames;
-    compat::Codec* decoder = avcodec_find_decoder(codecContext->codec_id);
-    if (decoder == nullptr || avcodec_open2(codecContext.get(), decoder, nullptr) < 0)
+    const CodecContextPtr codecContext = OpenStreamDecoder(avStream, false);
+    if (!codecContext)
         return frames;
 
     VideoDecoder videoDecoder;
