@@ -7,15 +7,14 @@
 
 #include <MolvaneAV/MediaReader.h>
 
+#include "BenchMedia.h"
 #include "RatioReporter.h"
-#include "support/FfmpegPtr.h"
-#include "support/MediaFixtures.h"
+#include "foundation/FfmpegGuards.h"
 
 extern "C" {
 #include <libavutil/imgutils.h>
+#include <libswscale/swscale.h>
 }
-
-#include <QTemporaryDir>
 
 #include <chrono>
 #include <cstdio>
@@ -27,17 +26,16 @@ extern "C" {
 
 namespace {
 
-using molvane::test::CodecContextPtr;
-using molvane::test::FramePtr;
-using molvane::test::InputContextPtr;
-using molvane::test::PacketPtr;
+using molvane::CodecContextPtr;
+using molvane::FramePtr;
+using molvane::InputContextPtr;
+using molvane::PacketPtr;
 
 constexpr int kFrames = 300;
 
 // A 1080p H.264 clip and its video packets, read into memory once so the
 // timed loops decode rather than read the file.
 struct Clip {
-    QTemporaryDir folder;
     std::string path;
     AVCodecParameters* parameters = nullptr;
     AVRational timeBase{1, 1};
@@ -46,19 +44,11 @@ struct Clip {
 
     Clip()
     {
-        path = folder.filePath("clip_1080p.mp4").toStdString();
-        molvane::test::MediaSpec mediaSpec;
-        mediaSpec.container = "mp4";
-        molvane::test::VideoSpec video;
-        video.width = 1920;
-        video.height = 1080;
-        video.frames = kFrames;
-        video.gop = 50;
-        video.options = {{"preset", "ultrafast"}};
-        mediaSpec.video.push_back(video);
-        QString error;
-        if (!molvane::test::WriteMedia(mediaSpec, QString::fromStdString(path), &error))
-            Fail("cannot write the clip: " + error.toStdString());
+        using namespace molvane::bench;
+        path = MakeClip(QStringLiteral("clip_1080p.mp4"),
+                        VideoInput(1920, 1080, kFrames) +
+                            QStringList{"-c:v", "libx264", "-preset", "ultrafast", "-g", "50", "-bf", "2"})
+                   .toStdString();
 
         AVFormatContext* opened = nullptr;
         if (avformat_open_input(&opened, path.c_str(), nullptr, nullptr) < 0)

@@ -10,8 +10,8 @@
 #include <MolvaneAV/MediaInstance.h>
 #include <MolvaneAV/MediaReader.h>
 
+#include "BenchMedia.h"
 #include "RatioReporter.h"
-#include "support/MediaFixtures.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -21,9 +21,6 @@ extern "C" {
 #include <libswresample/swresample.h>
 #include <libswscale/swscale.h>
 }
-
-#include <QFile>
-#include <QTemporaryDir>
 
 #include <sys/resource.h>
 
@@ -47,56 +44,26 @@ constexpr int kLongGop = 250;
 constexpr int kLongGopFrames = 2 * kLongGop;
 constexpr int kSeeks = 100;
 
-QTemporaryDir& Folder()
+// 1080p H.264 at 25 fps in MP4 with a key frame every GOP frames, after the extra inputs and options.
+QString FullHd(const QString& name, int frames, int gop, const QStringList& extra)
 {
-    static QTemporaryDir folder;
-    return folder;
-}
-
-QString Write(const QString& name, const molvane::test::MediaSpec& mediaSpec)
-{
-    const QString path = Folder().filePath(name);
-    if (QFile::exists(path))
-        return path;
-    QString error;
-    if (!molvane::test::WriteMedia(mediaSpec, path, &error)) {
-        std::fprintf(stderr, "cannot write %s: %s\n", qPrintable(path), qPrintable(error));
-        std::exit(1);
-    }
-    return path;
-}
-
-molvane::test::VideoSpec FullHd(int frames, int gop)
-{
-    molvane::test::VideoSpec video;
-    video.width = 1920;
-    video.height = 1080;
-    video.rateNum = kRate;
-    video.frames = frames;
-    video.gop = gop;
-    video.options = {{"preset", "ultrafast"}};
-    return video;
+    using namespace molvane::bench;
+    return MakeClip(name, VideoInput(1920, 1080, frames) + extra +
+                              QStringList{"-c:v", "libx264", "-preset", "ultrafast", "-g", QString::number(gop),
+                                          "-bf", "2"});
 }
 
 // Ten seconds of 1080p H.264 with stereo AAC, in MP4.
 QString WholeFileClip()
 {
-    molvane::test::MediaSpec mediaSpec;
-    mediaSpec.container = QStringLiteral("mp4");
-    mediaSpec.video.push_back(FullHd(kWholeFileFrames, 50));
-    molvane::test::AudioSpec audio;
-    audio.sampleFrames = int64_t(kWholeFileFrames) * 48000 / kRate;
-    mediaSpec.audio.push_back(audio);
-    return Write(QStringLiteral("whole_file.mp4"), mediaSpec);
+    return FullHd(QStringLiteral("whole_file.mp4"), kWholeFileFrames, 50,
+                  molvane::bench::AudioInput(kWholeFileFrames * 48000LL / kRate) + QStringList{"-c:a", "aac"});
 }
 
 // Two GOPs of 250 frames, video only.
 QString LongGopClip()
 {
-    molvane::test::MediaSpec mediaSpec;
-    mediaSpec.container = QStringLiteral("mp4");
-    mediaSpec.video.push_back(FullHd(kLongGopFrames, kLongGop));
-    return Write(QStringLiteral("long_gop.mp4"), mediaSpec);
+    return FullHd(QStringLiteral("long_gop.mp4"), kLongGopFrames, kLongGop, {});
 }
 
 std::shared_ptr<MediaInfo> Probe(const QString& path)

@@ -5,54 +5,25 @@
 #include <MolvaneAV/MediaInfo.h>
 #include <MolvaneAV/MediaReader.h>
 
+#include "BenchMedia.h"
 #include "RatioReporter.h"
-#include "support/MediaFixtures.h"
 
 extern "C" {
 #include <libavformat/avformat.h>
 }
 
-#include <QFile>
-#include <QTemporaryDir>
-
-#include <cstdio>
-#include <cstdlib>
 #include <memory>
 
 namespace {
-
-QTemporaryDir& Folder()
-{
-    static QTemporaryDir folder;
-    return folder;
-}
 
 // H.264 + AAC in MP4, as phones and editors write it, at a small size so the
 // ten-minute clip is quick to make.
 QString Clip(int seconds)
 {
-    const QString path = Folder().filePath(QStringLiteral("clip_%1s.mp4").arg(seconds));
-    if (QFile::exists(path))
-        return path;
-    molvane::test::MediaSpec mediaSpec;
-    mediaSpec.container = QStringLiteral("mp4");
-    molvane::test::VideoSpec video;
-    video.width = 160;
-    video.height = 96;
-    video.frames = seconds * 25;
-    video.gop = 50;
-    video.options = {{"preset", "ultrafast"}};
-    mediaSpec.video.push_back(video);
-    molvane::test::AudioSpec audio;
-    audio.sampleRate = 48000;
-    audio.sampleFrames = int64_t(seconds) * 48000;
-    mediaSpec.audio.push_back(audio);
-    QString error;
-    if (!molvane::test::WriteMedia(mediaSpec, path, &error)) {
-        std::fprintf(stderr, "cannot write %s: %s\n", qPrintable(path), qPrintable(error));
-        std::exit(1);
-    }
-    return path;
+    using namespace molvane::bench;
+    return MakeClip(QStringLiteral("clip_%1s.mp4").arg(seconds),
+                    VideoInput(160, 96, seconds * 25) + AudioInput(seconds * 48000LL) +
+                        QStringList{"-c:v", "libx264", "-preset", "ultrafast", "-g", "50", "-bf", "2", "-c:a", "aac"});
 }
 
 void ParseMedia(benchmark::State& state, int seconds)

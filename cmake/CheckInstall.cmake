@@ -14,8 +14,6 @@ function(run)
 endfunction()
 
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
-set(SAMPLE ${BUILD_DIR}/install-check/sample.mp4)
-run(${MAKE_FIXTURE} h264_aac_mp4 ${SAMPLE})
 foreach(header AvGlobals MediaInfo MediaReader Logger Settings AudioStream VideoStream Export DecodedFrames MediaInstance DecodedVideo DecodedAudio TimeOrderedFrameList)
   if(NOT EXISTS ${prefix}/include/MolvaneAV/${header}.h)
     message(FATAL_ERROR "header ${header}.h not installed")

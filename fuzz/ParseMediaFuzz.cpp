@@ -3,7 +3,7 @@
 //
 //   parse_media_fuzz -max_len=65536 -timeout=10 corpus/
 //
-// Seed the corpus with generated media (make_fixture NAME PATH).
+// Seed the corpus with the test media: tests/support/make_test_media.sh corpus/
 
 #include <MolvaneAV/MediaInfo.h>
 #include <MolvaneAV/MediaReader.h>

@@ -1,3 +1,6 @@
+// The media record's accessors on records built by hand, as probing or a host
+// could leave them.
+
 #include <MolvaneAV/MediaInfo.h>
 
 #include <gtest/gtest.h>
@@ -6,186 +9,122 @@
 
 namespace {
 
-VideoStream MakeVideo(int index, int64_t frameStep = 40000, double frameRate = 25.0)
+VideoStream MakeVideo(int index, int64_t frameStep, double frameRate, const char* rotate = nullptr)
 {
     VideoStream stream;
     stream.isValid = true;
     stream.index = index;
-    stream.width = 640;
-    stream.height = 360;
+    stream.width = 640 + index;
+    stream.height = 360 + index;
     stream.frameStep = frameStep;
     stream.frameRate = frameRate;
-    stream.numFrames = 250;
-    stream.startTime = 120000;
+    stream.numFrames = 250 + index;
+    stream.startTime = 120000 + index;
+    if (rotate != nullptr)
+        stream.metadata.insert(QStringLiteral("rotate"), QString::fromLatin1(rotate));
     return stream;
-}
-
-QString DurationText(int64_t duration)
-{
-    MediaInfo info(QStringLiteral("/media/clip.mov"));
-    info.duration = duration;
-    return info.GetDurationAsString();
 }
 
 } // namespace
 
-TEST(MediaInfo, StartsUnprobedWithItsOwnIdentity)
+TEST(MediaInfo, StartsUnprobedWithAnIdentityThatCopiesKeep)
 {
-    MediaInfo a(QStringLiteral("relative/dir/clip one.mp4"));
-    MediaInfo b(QStringLiteral("relative/dir/clip one.mp4"));
+    MediaInfo source(QStringLiteral("relative/dir/clip one.mp4"));
+    EXPECT_EQ(source.GetFilePath(), QStringLiteral("relative/dir/clip one.mp4"));
+    EXPECT_EQ(source.GetFileName(), QStringLiteral("clip one.mp4"));
+    EXPECT_FALSE(source.IsInitialized() || source.IsImage() || source.IsLinearColorSpace());
+    EXPECT_EQ(source.GetDuration(), 0);
+    EXPECT_TRUE(source.GetSourceID().isNull());
+    EXPECT_FALSE(source.GetID().isNull());
+    EXPECT_NE(source.GetID(), MediaInfo(source.filePath).GetID());
 
-    EXPECT_EQ(a.GetFilePath(), QStringLiteral("relative/dir/clip one.mp4"));
-    EXPECT_EQ(a.GetFileName(), QStringLiteral("clip one.mp4"));
-    EXPECT_FALSE(a.IsInitialized());
-    EXPECT_EQ(a.duration, 0);
-    EXPECT_FALSE(a.IsImage());
-    EXPECT_FALSE(a.IsLinearColorSpace());
-    EXPECT_TRUE(a.GetSourceID().isNull());
-    EXPECT_FALSE(a.GetID().isNull());
-    EXPECT_NE(a.GetID(), b.GetID());
-}
-
-TEST(MediaInfo, CopiesKeepIdentityAndContent)
-{
-    MediaInfo source(QStringLiteral("/a/b.mkv"));
     source.sourceId = QUuid::createUuid();
-    source.duration = 5000000;
     source.metadata.insert(QStringLiteral("title"), QStringLiteral("x"));
-    source.videoStreams.append(MakeVideo(0));
-
-    const MediaInfo copy(source);
+    source.videoStreams.append(MakeVideo(0, 40000, 25.0));
     MediaInfo assigned(QStringLiteral("/other.wav"));
     assigned = source;
-
-    for (const MediaInfo* info : {&copy, static_cast<const MediaInfo*>(&assigned)}) {
-        EXPECT_EQ(info->GetID(), source.GetID());
-        EXPECT_EQ(info->GetSourceID(), source.GetSourceID());
-        EXPECT_EQ(info->filePath, source.filePath);
-        EXPECT_EQ(info->GetDuration(), 5000000);
-        EXPECT_EQ(info->metadata, source.metadata);
-        EXPECT_EQ(info->GetNumVideoStreams(), 1);
+    for (const MediaInfo& copy : {MediaInfo(source), assigned}) {
+        EXPECT_TRUE(copy.GetID() == source.GetID() && copy.GetSourceID() == source.GetSourceID());
+        EXPECT_TRUE(copy.filePath == source.filePath && copy.metadata == source.metadata);
+        EXPECT_EQ(copy.GetNumVideoStreams(), 1);
     }
 }
 
-TEST(MediaInfo, WithoutVideoTimingAccessorsAreZero)
+TEST(MediaInfo, TimingAnswersFromTheFirstVideoStreamOnly)
 {
-    MediaInfo info(QStringLiteral("/music/song.flac"));
-    info.duration = 181000000;
-    AudioStream audio;
-    audio.isValid = true;
-    audio.index = 0;
-    info.audioStreams.append(audio);
-
-    EXPECT_EQ(info.GetFrameRate(), 0.0);
-    EXPECT_EQ(info.GetFrameStep(), 0);
-    EXPECT_EQ(info.GetNumFrames(), 0);
-    EXPECT_EQ(info.GetVideoWidth(), 0);
-    EXPECT_EQ(info.GetVideoHeight(), 0);
-    EXPECT_EQ(info.GetStartTime(), 0);
-    EXPECT_FALSE(info.IsVideoRotated());
-    EXPECT_EQ(info.GetDuration(), 181000000);
-    EXPECT_DOUBLE_EQ(info.GetDurationInSeconds(), 181.0);
-
-    info.isImage = true;
-    EXPECT_EQ(info.GetDuration(), 181000000);
+    // Read back as: duration, start, frames, step, rate, width x height, rotated.
+    const struct {
+        const char* what;
+        bool isImage;
+        QList<VideoStream> video;
+        const char* timing;
+    } cases[] = {
+        {"no video", false, {}, "181000000 0 0 0 0 0x0 no"},
+        {"image without video", true, {}, "181000000 0 0 0 0 0x0 no"},
+        {"movie", false, {MakeVideo(3, 33366, 29.97), MakeVideo(5, 40000, 25.0, "90")},
+         "181000000 120003 253 33366 29.97 643x363 no"},
+        {"image", true, {MakeVideo(0, -1, -1.0, "270")}, "-1 0 250 -1 -1 640x360 yes"},
+    };
+    for (const auto& c : cases) {
+        MediaInfo info(QStringLiteral("/m.mkv"));
+        info.duration = 181000000;
+        info.isImage = c.isImage;
+        info.videoStreams = c.video;
+        EXPECT_EQ(QStringLiteral("%1 %2 %3 %4 %5 %6x%7 %8")
+                      .arg(info.GetDuration()).arg(info.GetStartTime()).arg(info.GetNumFrames())
+                      .arg(info.GetFrameStep()).arg(info.GetFrameRate()).arg(info.GetVideoWidth())
+                      .arg(info.GetVideoHeight()).arg(info.IsVideoRotated() ? "yes" : "no"),
+                  QLatin1String(c.timing)) << c.what;
+        EXPECT_DOUBLE_EQ(info.GetDurationInSeconds(), double(info.GetDuration()) / 1e6);
+    }
 }
 
-TEST(MediaInfo, TimingComesFromTheFirstVideoStreamOnly)
+TEST(MediaInfo, OnlyNinetyAndTwoSeventyDegreesCountAsRotated)
+{
+    const QStringList rotated{"90", "270"};
+    for (const char* value : {"90", "270", "180", "0", "-90", "90.0", " 90", "", static_cast<const char*>(nullptr)}) {
+        MediaInfo info(QStringLiteral("/phone.mp4"));
+        info.videoStreams.append(MakeVideo(0, 40000, 25.0, value));
+        EXPECT_EQ(info.IsVideoRotated(), value != nullptr && rotated.contains(value)) << (value ? value : "no tag");
+    }
+}
+
+TEST(MediaInfo, LooksStreamsUpByContainerIndexAndLeavesMissesUntouched)
 {
     MediaInfo info(QStringLiteral("/m.mkv"));
-    info.duration = 10000000;
-    info.videoStreams.append(MakeVideo(3, 33366, 29.97));
-    VideoStream second = MakeVideo(5, 40000, 25.0);
-    second.width = 1920;
-    second.metadata.insert(QStringLiteral("rotate"), QStringLiteral("90"));
-    info.videoStreams.append(second);
+    info.videoStreams = {MakeVideo(0, 40000, 25.0), MakeVideo(2, 40000, 25.0), MakeVideo(2, 20000, 50.0)};
+    info.audioStreams = {AudioStream(), AudioStream()};
+    info.audioStreams[1].index = 1;
+    info.audioStreams[1].sampleRate = 44100;
 
-    EXPECT_EQ(info.GetFrameStep(), 33366);
-    EXPECT_EQ(info.GetFrameRate(), 29.97);
-    EXPECT_EQ(info.GetNumFrames(), 250);
-    EXPECT_EQ(info.GetVideoWidth(), 640);
-    EXPECT_EQ(info.GetVideoHeight(), 360);
-    EXPECT_EQ(info.GetStartTime(), 120000);
-    EXPECT_EQ(info.GetDuration(), 10000000);
-    EXPECT_FALSE(info.IsVideoRotated());
+    VideoStream video = MakeVideo(9, 1, 1.0);
+    AudioStream sound;
+    sound.sampleRate = 8000;
+    for (int missing : {1, 7})
+        info.GetVideoStream(missing, video);
+    info.GetAudioStream(0, sound);
+    EXPECT_TRUE(video.index == 9 && sound.sampleRate == 8000);
+    info.GetVideoStream(2, video);
+    info.GetAudioStream(1, sound);
+    EXPECT_TRUE(video.index == 2 && video.frameStep == 40000); // the first of two with that index
+    EXPECT_EQ(sound.sampleRate, 44100);
 }
 
-TEST(MediaInfo, ImageTimingComesFromItsFrameStep)
-{
-    MediaInfo info(QStringLiteral("/still.png"));
-    info.isImage = true;
-    info.duration = -1;
-    VideoStream image = MakeVideo(0, -1, -1.0);
-    image.numFrames = 1;
-    info.videoStreams.append(image);
-
-    EXPECT_EQ(info.GetDuration(), -1);
-    EXPECT_EQ(info.GetStartTime(), 0);
-    EXPECT_EQ(info.GetNumFrames(), 1);
-    EXPECT_EQ(info.GetFrameRate(), -1.0);
-    EXPECT_EQ(info.GetDurationAsString(), QStringLiteral("00:00:00.00"));
-}
-
-TEST(MediaInfo, RotationIsExactlyNinetyOrTwoSeventy)
+TEST(MediaInfo, DurationTextRoundsToHundredthsWithUncappedHours)
 {
     const struct {
-        const char* value;
-        bool rotated;
-    } cases[] = {{"90", true}, {"270", true}, {"180", false}, {"0", false},
-                 {"-90", false}, {"90.0", false}, {" 90", false}, {"", false}};
+        int64_t duration;
+        const char* text;
+    } cases[] = {
+        {3723456789, "01:02:03.46"}, {59996000, "00:01:00.00"}, {59994999, "00:00:59.99"}, {0, "00:00:00.00"},
+        {-1, "00:00:00.00"}, {360000000000, "100:00:00.00"},
+        {int64_t(std::numeric_limits<int>::max()) * 1000000, "596523:14:07.00"},
+        // Beyond 32-bit seconds and below zero there is no wrapped text.
+        {std::numeric_limits<int64_t>::max(), "00:00:00.00"}, {-5000000, "00:00:00.00"},
+    };
     for (const auto& c : cases) {
-        MediaInfo info(QStringLiteral("/phone.mp4"));
-        info.videoStreams.append(MakeVideo(0));
-        info.videoStreams[0].metadata.insert(QStringLiteral("rotate"), QString::fromLatin1(c.value));
-        EXPECT_EQ(info.IsVideoRotated(), c.rotated) << '"' << c.value << '"';
+        MediaInfo info(QStringLiteral("/clip.mov"));
+        info.duration = c.duration;
+        EXPECT_EQ(info.GetDurationAsString(), QLatin1String(c.text)) << c.duration;
     }
-    MediaInfo untagged(QStringLiteral("/phone.mp4"));
-    untagged.videoStreams.append(MakeVideo(0));
-    EXPECT_FALSE(untagged.IsVideoRotated());
-}
-
-TEST(MediaInfo, StreamLookupIsByContainerIndex)
-{
-    MediaInfo info(QStringLiteral("/m.mkv"));
-    info.videoStreams.append(MakeVideo(0));
-    info.videoStreams.append(MakeVideo(2));
-    info.videoStreams[1].codecName = QStringLiteral("second");
-    AudioStream audio;
-    audio.index = 1;
-    audio.sampleRate = 44100;
-    info.audioStreams.append(audio);
-
-    VideoStream out;
-    out.codecName = QStringLiteral("untouched");
-    info.GetVideoStream(7, out);
-    EXPECT_EQ(out.codecName, QStringLiteral("untouched"));
-    info.GetVideoStream(1, out);
-    EXPECT_EQ(out.codecName, QStringLiteral("untouched"));
-    info.GetVideoStream(2, out);
-    EXPECT_EQ(out.codecName, QStringLiteral("second"));
-
-    AudioStream audioOut;
-    info.GetAudioStream(0, audioOut);
-    EXPECT_EQ(audioOut.sampleRate, 0);
-    info.GetAudioStream(1, audioOut);
-    EXPECT_EQ(audioOut.sampleRate, 44100);
-}
-
-TEST(MediaInfo, DurationTextRoundsToHundredths)
-{
-    EXPECT_EQ(DurationText(3723456789), QStringLiteral("01:02:03.46"));
-    EXPECT_EQ(DurationText(59996000), QStringLiteral("00:01:00.00"));
-    EXPECT_EQ(DurationText(59994999), QStringLiteral("00:00:59.99"));
-    EXPECT_EQ(DurationText(-1), QStringLiteral("00:00:00.00"));
-    EXPECT_EQ(DurationText(0), QStringLiteral("00:00:00.00"));
-    EXPECT_EQ(DurationText(360000000000), QStringLiteral("100:00:00.00"));
-}
-
-TEST(MediaInfo, DurationTextStaysReadableOutsideItsRange)
-{
-    EXPECT_EQ(DurationText(-5000000), QStringLiteral("00:00:00.00"));
-    EXPECT_EQ(DurationText(std::numeric_limits<int64_t>::max()), QStringLiteral("00:00:00.00"));
-    // The largest whole-second count a 32-bit int holds still prints.
-    EXPECT_EQ(DurationText(int64_t(std::numeric_limits<int>::max()) * 1000000),
-              QStringLiteral("596523:14:07.00"));
 }

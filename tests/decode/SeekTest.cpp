@@ -1,0 +1,183 @@
+// Seeking as a host does it: Seek(T), then DecodePacket with T as the target
+// until a picture covers T. That picture must be the one a plain decode from
+// the front shows at T, whatever the codec, container, start time or the
+// direction of the jump. Also the trailing-picture limit, stills, audio-only
+// sources and refused seeks.
+
+#include "support/TestMedia.h"
+
+#include <MolvaneAV/Settings.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <tuple>
+#include <vector>
+
+using namespace molvane::test;
+
+namespace {
+
+struct TrailingLimit {
+    explicit TrailingLimit(int frames) { Settings::maxTrailingFramesAfterSeek = frames; }
+    ~TrailingLimit() { Settings::maxTrailingFramesAfterSeek = saved; }
+    const int saved = Settings::maxTrailingFramesAfterSeek;
+};
+
+// Painted indexes of the pictures one seek delivers, in order, up to the one
+// that covers target.
+std::vector<int> SeekAndDecode(MediaInstance& instance, int64_t target, int64_t seekTime)
+{
+    instance.Seek(seekTime);
+    std::vector<int> delivered;
+    Decoded decoded;
+    for (int calls = 0; calls < 1000 && instance.HasPacket(); ++calls) {
+        decoded.video.clear();
+        instance.DecodePacket(decoded.audio, decoded.video, target);
+        for (const auto& frame : decoded.video) {
+            if (frame->data == nullptr || frame->startTime > target)
+                return delivered;
+            delivered.push_back(PaintedIndex(*frame));
+        }
+    }
+    return delivered;
+}
+
+} // namespace
+
+TEST(Seek, EveryTargetShowsThePictureThatAPlainDecodeShowsThere)
+{
+    // Hosts seek a second early where RequiresLargeSeekOffset says so, and
+    // where the demuxer cannot land on a key frame that precedes T in display
+    // order: MP4 searches the decode timeline (open GOPs), MPEG-TS bisects by
+    // timestamp and lands on any packet.
+    struct Clip {
+        const char* file;
+        bool seekEarly;
+    };
+    const Clip clips[] = {
+        {"h264_aac.mp4", false}, {"hevc_open_gop.mkv", false},       {"hevc_open_gop.mp4", true},
+        {"vp8.webm", false},     {"vp9.webm", false},                {"mpeg1.mpg", false},
+        {"late_start.ts", false}, {"negative_start_gop10.ts", true}, {"ntsc.mp4", false},
+        {"multi_stream.mkv", false},
+    };
+    const int trailing = Settings::maxTrailingFramesAfterSeek;
+    for (const Clip& clip : clips) {
+        SCOPED_TRACE(clip.file);
+        auto info = Probe(clip.file);
+        MediaInstance instance;
+        ASSERT_TRUE(instance.Initialize(info, 0));
+        const Decoded plain = DecodeAll(instance);
+        std::vector<int64_t> starts; // of painted index i
+        for (const auto& frame : plain.video) {
+            ASSERT_EQ(PaintedIndex(*frame), frame->data ? int(starts.size()) : -1);
+            if (frame->data != nullptr)
+                starts.push_back(frame->startTime);
+        }
+        const int count = int(starts.size());
+        ASSERT_GT(count, 40);
+        const double frame = 1e6 / plain.video[0]->frameRate;
+
+        // The start, then every picture from time 0 on in an order that jumps
+        // both ways, at targets well inside the picture. The last pictures
+        // come out of the draining decoder, where what the trailing limit
+        // lets through is not settled yet; they are left out.
+        std::vector<int64_t> targets = {0};
+        for (int k = 0; k < count; ++k) {
+            const int position = k * 7 % count;
+            if (starts[position] >= 0 && position < count - 8)
+                targets.push_back(starts[position] + int64_t(frame / 2));
+        }
+        for (const int64_t target : targets) {
+            const int expected = int(std::upper_bound(starts.begin(), starts.end(), target) - starts.begin()) - 1;
+            const bool early = clip.seekEarly || instance.RequiresLargeSeekOffset();
+            const std::vector<int> delivered =
+                SeekAndDecode(instance, target, early ? std::max<int64_t>(0, target - 1000000) : target);
+            ASSERT_FALSE(delivered.empty()) << "T=" << target;
+            EXPECT_EQ(delivered.back(), expected)
+                << "T=" << target << ", delivered " << testing::PrintToString(delivered);
+            ASSERT_GE(delivered.front(), 0) << "T=" << target;
+            EXPECT_GE(double(starts[delivered.front()]), target - trailing * frame - 1) << "T=" << target;
+        }
+    }
+}
+
+TEST(Seek, PicturesBeforeTheTargetFollowTheTrailingLimit)
+{
+    auto info = Probe("h264_aac.mp4");
+    MediaInstance instance;
+    ASSERT_TRUE(instance.Initialize(info, 0));
+    // Key frames at pictures 0 and 25: the decoder has more pictures before
+    // each target than either limit lets through.
+    for (int limit : {1, 6}) {
+        TrailingLimit setting(limit);
+        for (int position : {12, 37, 7, 45, 32}) {
+            const int64_t target = position * 40000 + 20000;
+            std::vector<int> expected;
+            for (int index = position - limit + 1; index <= position; ++index)
+                expected.push_back(index);
+            EXPECT_EQ(SeekAndDecode(instance, target, target), expected)
+                << "limit " << limit << ", T=" << target;
+        }
+    }
+}
+
+TEST(Seek, StillShowsItsPictureAgainAfterEverySeekAndNeverAMarker)
+{
+    auto info = Probe("still.png", true);
+    MediaInstance instance;
+    ASSERT_TRUE(instance.Initialize(info, 0));
+    for (int64_t time : {-1, 0, 5000000, 40000, 0}) {
+        SCOPED_TRACE(time);
+        if (time >= 0)
+            instance.Seek(time);
+        const Decoded decoded = DecodeAll(instance, -1, 100);
+        ASSERT_EQ(PaintedIndexes(decoded.video), QList<int>{0});
+        const DecodedVideoFrame& still = *decoded.video[0];
+        EXPECT_EQ(std::tuple(still.width, still.height, still.startTime, still.frameRate),
+                  std::tuple(320, 240, int64_t(0), Settings::DEFAULT_IMAGE_SEQUENCE_FRAME_RATE));
+    }
+}
+
+TEST(Seek, AudioOnlySourceLandsJustBeforeTheTargetWithMatchingSamples)
+{
+    auto info = Probe("s16_stereo.wav");
+    MediaInstance instance;
+    ASSERT_TRUE(instance.Initialize(info, 0));
+    // The first seek opens the input. Forwards, backwards, to the start and
+    // to odd microseconds.
+    for (int64_t target : {250000, 1200000, 333333, 0, 1000001, 20833, 1450000, 700000}) {
+        SCOPED_TRACE(target);
+        instance.Seek(target);
+        Decoded decoded;
+        for (int calls = 0; calls < 8 && instance.HasPacket() && decoded.audio.size() < 2; ++calls)
+            instance.DecodePacket(decoded.audio, decoded.video, target);
+        ASSERT_GE(decoded.audio.size(), 2);
+        EXPECT_TRUE(decoded.video.isEmpty());
+        EXPECT_LE(decoded.audio[0]->startTime, target);
+        EXPECT_GE(decoded.audio[0]->startTime, target - 50000);
+        // Records follow each other, each starting at the time of its first sample.
+        int64_t next = SamplePosition(decoded.audio[0]->samples, 2);
+        for (const auto& record : decoded.audio) {
+            EXPECT_NEAR(double(record->startTime), next * 1e6 / 48000, 1.0);
+            for (int i = 0; i < record->samplesPerChannel; ++i, ++next) {
+                ASSERT_EQ(SamplePosition(record->samples + 2 * i, 2), next) << "record at " << record->startTime;
+            }
+        }
+    }
+}
+
+TEST(Seek, RefusedSeekIsLoggedAndDecodingStillComesToAnEnd)
+{
+    auto info = Probe("h264_aac.mp4");
+    MediaInstance instance;
+    ASSERT_TRUE(instance.Initialize(info, 0));
+    DecodeAll(instance, -1, 10);
+    LogCapture log;
+    instance.Seek(-1000000);
+    ASSERT_EQ(log.Messages().size(), 1);
+    EXPECT_TRUE(log.Messages()[0].startsWith("Seek Failed. (code ")) << log.Messages()[0].toStdString();
+    EXPECT_EQ(log.Types(), QList<QtMsgType>{QtCriticalMsg});
+    DecodeAll(instance, -1, 1000);
+    EXPECT_FALSE(instance.HasPacket());
+}
