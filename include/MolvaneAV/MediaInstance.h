@@ -85,7 +85,6 @@ private:
     bool OpenVideo(MediaInfo& info);
     void CreateConverters();
     void CreatePacket();
-    void ResumeAfterFailedSeek();
 
     std::weak_ptr<MediaInfo> mediaInfo;
     AVFormatContext* formatContext;

@@ -181,10 +181,14 @@ void DecodedAudio::ForceClear()
 
 void DecodedAudio::FlushPaBuffer()
 {
+    // Taken like every other call: a counter raised without it would be a
+    // data race with the fill that reads it.
     QMutexLocker lock(&mutex);
     ++paFlushCount;
 }
 
+// The getters lock too: a host may read them on any thread while the
+// decoding side appends or re-packs and the device callback fills.
 DecodedAudio::FramePtr DecodedAudio::FirstFrame() const
 {
     QMutexLocker lock(&mutex);
@@ -323,24 +327,9 @@ int DecodedAudio::PaFillBuffer(short* buffer, int frameCount, int channelCount, 
         paSpeedAccumulator = 0.0;
     }
 
-    // At slow speed the previous call may have filled its buffer before
-    // repeating its last sample frame: owe that repeat to this buffer, or
-    // the next source frame would take its place.
-    while (paSpeedAccumulator > 1.0 && paCurrentFrame && framesWritten < frameCount) {
-        const DecodedAudioFrame& frame = *paCurrentFrame;
-        const int64_t last = static_cast<int64_t>(frame.sampleCount) -
-                             (static_cast<int64_t>(paRemainingFrames) + 1) * channelCount;
-        short* out = buffer + static_cast<int64_t>(framesWritten) * channelCount;
-        for (int c = 0; c < channelCount; ++c) {
-            const int64_t at = last + c;
-            out[c] = at >= 0 && at < frame.bufferSampleCount ? Scaled(paSamples[at], volume) : 0;
-        }
-        ++framesWritten;
-        paSpeedAccumulator -= 1.0;
-    }
-    if (framesWritten >= frameCount)
-        return framesWritten;
-
+    // A repeat only ever follows a write of the same call, so it copies
+    // values inside this buffer; the accumulator carries over as it stands,
+    // and a repeat owed when the last buffer filled goes to the next write.
     for (;;) {
         while (paRemainingFrames <= 0) {
             if (!FetchFrame(playTime, sampleRate))

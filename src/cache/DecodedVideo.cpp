@@ -206,10 +206,9 @@ void DecodedVideo::UpdateCache(int64_t playTime, int64_t mediaEndTime, bool isPl
 
     enum class Direction { None, Forward, Backward };
     Direction direction = Direction::None;
-    // A handful of frames always calls for more ahead, unless the budget is
-    // used up: with room for fewer than that, reverse play would otherwise
-    // trade the newest frame for the next older one and back forever.
-    const bool fewFrames = GetFrameCount() < kFewFrames && !full;
+    // A handful of frames always calls for more ahead, full or not: a host
+    // that plays in reverse keeps its budget above that many frames.
+    const bool fewFrames = GetFrameCount() < kFewFrames;
     if (moreAfter && (playingForwards || GetFrameCount() == 0 || fewFrames || endTime < playTime))
         direction = Direction::Forward;
     else if (moreBefore && isPlaying && !playingForward)

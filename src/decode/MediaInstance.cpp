@@ -59,20 +59,6 @@ void LogStreamSearchFailure(const char* kind, int result)
         Logger::GetInstance()->Error(QStringLiteral("Failed to find %1 stream index: %2").arg(kind).arg(result));
 }
 
-// Seeks to the first frame. A stream whose timestamps start below 0 has its
-// first key frame before timestamp 0, which a seek to 0 would pass: go to
-// the first byte instead where the container allows it.
-int SeekToStart(AVFormatContext* context, int streamIndex)
-{
-    const AVStream* stream = streamIndex >= 0 ? context->streams[streamIndex] : nullptr;
-    const bool startsBelowZero =
-        stream != nullptr && stream->start_time != AV_NOPTS_VALUE && stream->start_time < 0;
-    if (startsBelowZero && !(context->iformat->flags & AVFMT_NO_BYTE_SEEK) &&
-        av_seek_frame(context, -1, 0, AVSEEK_FLAG_BYTE) >= 0)
-        return 0;
-    return av_seek_frame(context, streamIndex, 0, AVSEEK_FLAG_BACKWARD);
-}
-
 // Drops one reference: the field forgets the object, the owner frees it if
 // no copy refers to it any more.
 template <typename T>
@@ -426,23 +412,22 @@ void MediaInstance::Seek(int64_t time)
         if (formatContext == nullptr && !OpenInput())
             return;
 
-        // Position by the video stream; a source without one by its audio
-        // stream, or by the container's own time base as a last resort.
-        const int streamIndex = videoStreamIndex >= 0 ? videoStreamIndex : audioStreamIndex;
         int result = 0;
         if (time == 0) {
-            result = SeekToStart(formatContext, streamIndex);
+            // Index -1 for a source without video: the container's own start.
+            result = av_seek_frame(formatContext, videoStreamIndex, 0, AVSEEK_FLAG_BACKWARD);
         } else {
+            // Sources without video position by their audio stream.
+            const int streamIndex = videoStreamIndex >= 0 ? videoStreamIndex : audioStreamIndex;
             const AVRational timeBase =
                 streamIndex >= 0 ? formatContext->streams[streamIndex]->time_base : AVRational{1, AV_TIME_BASE};
-            // Round down: a target just before a key frame must not land on it,
-            // or the frame that covers the target never comes.
-            const int64_t target = av_rescale_q_rnd(time, AVRational{1, 1000000}, timeBase, AV_ROUND_DOWN);
+            const int64_t target = av_rescale_q(time, AVRational{1, 1000000}, timeBase);
             result = avformat_seek_file(formatContext, streamIndex, 0, target, target, AVSEEK_FLAG_FRAME);
         }
+        // A refused positioning leaves everything as it was: the waiting
+        // packet and the decoders go on from where they were.
         if (result < 0) {
             Logger::GetInstance()->Error(QStringLiteral("Seek Failed."), result);
-            ResumeAfterFailedSeek();
             return;
         }
         if (videoCodecContext != nullptr)
@@ -451,18 +436,6 @@ void MediaInstance::Seek(int64_t time)
             avcodec_flush_buffers(audioCodecContext);
     }
     ReadNextPacket();
-}
-
-void MediaInstance::ResumeAfterFailedSeek()
-{
-    // A failed search can leave the demuxer elsewhere, or drop what it had
-    // buffered; put the input back behind the waiting packet so decoding
-    // goes on from there.
-    if (formatContext->pb == nullptr)
-        return;
-    if (!hasPacket || packet == nullptr || packet->pos < 0 || (formatContext->iformat->flags & AVFMT_NO_BYTE_SEEK))
-        return;
-    av_seek_frame(formatContext, -1, packet->pos + packet->size, AVSEEK_FLAG_BYTE);
 }
 
 bool MediaInstance::RequiresLargeSeekOffset() const

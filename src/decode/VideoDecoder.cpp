@@ -151,12 +151,11 @@ void VideoDecoder::Decode(AVPacket* packet, QList<std::shared_ptr<DecodedVideoFr
         if (receive) {
             result = avcodec_receive_frame(codecContext, frame);
             if (result >= 0) {
-                const bool delivered = ConvertPicture(frames, targetTime);
+                const bool goOn = ConvertPicture(frames, targetTime);
                 av_frame_unref(frame);
-                // A dropped frame ends the call, and later calls fetch the
-                // rest; at the end of the stream there is no later call, so
-                // the drain goes on to the frames held back and the marker.
-                if (!delivered && !draining && !endOfStream)
+                // Also while draining: the pictures held back and the marker
+                // are then left to a later call, if the host makes one.
+                if (!goOn)
                     return;
             } else if (result == AVERROR_EOF) {
                 if (!isImage)
@@ -200,8 +199,7 @@ bool VideoDecoder::ConvertPicture(QList<std::shared_ptr<DecodedVideoFrame>>& fra
         lastFrameTime = time;
     }
 
-    // A still has no timeline: whatever the target, its picture is the one.
-    if (targetTime >= 0 && !isImage &&
+    if (targetTime >= 0 &&
         static_cast<double>(targetTime) - Settings::maxTrailingFramesAfterSeek * frameDuration >
             static_cast<double>(startTime))
         return false;
@@ -216,7 +214,7 @@ bool VideoDecoder::ConvertPicture(QList<std::shared_ptr<DecodedVideoFrame>>& fra
                                                                isLinearColorSpace);
         placeholder->status = 1;
         frames.append(std::move(placeholder));
-        return true;
+        return false;
     }
 
     scaler = sws_getCachedContext(scaler, width, height, static_cast<AVPixelFormat>(frame->format), outputWidth,

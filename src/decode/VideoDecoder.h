@@ -42,8 +42,9 @@ public:
     void SetFrameRate(double frameRate);
 
 private:
-    // False when the frame was dropped by the trailing-frame filter, which
-    // ends the call's video work.
+    // False when the call's video work ends with this picture: it was
+    // dropped by the trailing-frame filter, or stood in for by a size-change
+    // placeholder.
     bool ConvertPicture(QList<std::shared_ptr<DecodedVideoFrame>>& frames, int64_t targetTime);
 
     AVCodecContext* codecContext;

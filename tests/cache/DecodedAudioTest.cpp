@@ -311,6 +311,13 @@ TEST(DecodedAudio, PlaysADecodedFileSampleFrameBySampleFrameAtEverySpeed)
         EXPECT_EQ(next, frames.size());
         EXPECT_TRUE(Plays(played, expected)) << "speed " << speed;
     }
+    // A half-speed buffer that fills right after a write owes its repeat to
+    // the next source frame, which then plays three times.
+    DecodedAudio cache;
+    cache.SetMaxFrameCount(4);
+    cache.AppendFrame(MakeFrame(0, 0, 64));
+    EXPECT_EQ(Fill(cache, 4, 0, 0.5), Runs({{0, 0, 1}, {0, 1, 1}, {0, 1, 1}, {0, 2, 1}}));
+    EXPECT_EQ(Fill(cache, 4, 0, 0.5), Runs({{0, 3, 1}, {0, 3, 1}, {0, 3, 1}, {0, 4, 1}}));
 }
 
 } // namespace

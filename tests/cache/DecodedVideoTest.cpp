@@ -104,7 +104,7 @@ struct Model {
         const int64_t behindQuota = movingForward ? budget / 10 : budget * 2 / 5;
         const bool forwardPlay = playing && forward, moreAfter = end < mediaEnd, moreBefore = start > 0;
         int direction = 0; // 1 forwards, -1 backwards
-        if (moreAfter && (forwardPlay || frames.empty() || (Count() < 30 && !full) || end < play))
+        if (moreAfter && (forwardPlay || frames.empty() || Count() < 30 || end < play))
             direction = 1;
         else if (moreBefore && playing && !forward)
             direction = -1;
@@ -197,8 +197,7 @@ TEST(DecodedVideo, FollowsItsRulesThroughThirtyThousandRandomSteps)
             const int64_t end = newest + uniform(0, 200000);
             cache.OverrideLastFrameEndTime(end);
             model.frames.rbegin()->second.first = model.end = end;
-        } else if (kind >= 685 && kind < 800 && (!model.Full() || model.Count() >= 30)) {
-            // (A full cache of fewer than 30 frames is left out: its answer is about to change.)
+        } else if (kind >= 685 && kind < 800) {
             if (uniform(0, 1) && !frames.empty()) // on a frame's start, or anywhere around the list
                 playTime = std::next(frames.begin(), uniform(0, model.Count() - 1))->first;
             else if (uniform(0, 3) != 0)
@@ -241,6 +240,8 @@ TEST(DecodedVideo, UpdateCacheTurnsBackwardsAtThirtyFramesAndRecyclesOnlyPastThe
     // apart from 1 s; more media before and after.
     using Row = std::array<int, 7>;
     for (const Row& c : {Row{29, 48, 20, 0, 1, 0, 29}, {30, 48, 20, 0, 0, 1, 30},
+                         // Fewer than 30 frames want more ahead even when full; a budget of 0 is always full.
+                         {20, 20, 10, 0, 1, 0, 19}, {5, 0, 2, 0, 1, 0, 4},
                          // Full: the trailing side gives a frame up from a quarter of the budget (the default limit).
                          {40, 40, 3, 1, 0, 0, 40}, {40, 40, 10, 1, 1, 0, 39}, {40, 40, 31, 0, 0, 0, 40},
                          {40, 40, 30, 0, 0, 1, 39}}) {

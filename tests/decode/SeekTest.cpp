@@ -25,10 +25,14 @@ struct TrailingLimit {
 };
 
 // Painted indexes of the pictures one seek delivers, in order, up to the one
-// that covers target.
+// that covers target. A negative seekTime reopens the input instead: the way
+// back to the very first picture where a seek to 0 can land past it.
 std::vector<int> SeekAndDecode(MediaInstance& instance, int64_t target, int64_t seekTime)
 {
-    instance.Seek(seekTime);
+    if (seekTime < 0)
+        instance.CloseInput();
+    else
+        instance.Seek(seekTime);
     std::vector<int> delivered;
     Decoded decoded;
     for (int calls = 0; calls < 1000 && instance.HasPacket(); ++calls) {
@@ -92,7 +96,7 @@ TEST(Seek, EveryTargetShowsThePictureThatAPlainDecodeShowsThere)
             const int expected = int(std::upper_bound(starts.begin(), starts.end(), target) - starts.begin()) - 1;
             const bool early = clip.seekEarly || instance.RequiresLargeSeekOffset();
             const std::vector<int> delivered =
-                SeekAndDecode(instance, target, early ? std::max<int64_t>(0, target - 1000000) : target);
+                SeekAndDecode(instance, target, early ? target - 1000000 : target);
             ASSERT_FALSE(delivered.empty()) << "T=" << target;
             EXPECT_EQ(delivered.back(), expected)
                 << "T=" << target << ", delivered " << testing::PrintToString(delivered);
@@ -120,6 +124,10 @@ TEST(Seek, PicturesBeforeTheTargetFollowTheTrailingLimit)
                 << "limit " << limit << ", T=" << target;
         }
     }
+    // Past the end every picture is dropped, and the drop that meets the
+    // drain ends the call: no end-of-stream marker either.
+    instance.Seek(1900000);
+    EXPECT_TRUE(DecodeAll(instance, 5000000).video.isEmpty());
 }
 
 TEST(Seek, StillShowsItsPictureAgainAfterEverySeekAndNeverAMarker)
@@ -137,6 +145,9 @@ TEST(Seek, StillShowsItsPictureAgainAfterEverySeekAndNeverAMarker)
         EXPECT_EQ(std::tuple(still.width, still.height, still.startTime, still.frameRate),
                   std::tuple(320, 240, int64_t(0), Settings::DEFAULT_IMAGE_SEQUENCE_FRAME_RATE));
     }
+    // The trailing limit holds for stills too: a target a second on drops it.
+    instance.Seek(0);
+    EXPECT_TRUE(DecodeAll(instance, 1000000).video.isEmpty());
 }
 
 TEST(Seek, AudioOnlySourceLandsJustBeforeTheTargetWithMatchingSamples)
@@ -167,17 +178,48 @@ TEST(Seek, AudioOnlySourceLandsJustBeforeTheTargetWithMatchingSamples)
     }
 }
 
-TEST(Seek, RefusedSeekIsLoggedAndDecodingStillComesToAnEnd)
+TEST(Seek, RefusedSeekIsLoggedAndDecodingGoesOnFromWhereItWas)
 {
-    auto info = Probe("h264_aac.mp4");
+    for (const char* file : {"h264_aac.mp4", "multi_stream.mkv", "vp9.webm"}) {
+        SCOPED_TRACE(file);
+        auto info = Probe(file);
+        MediaInstance instance;
+        ASSERT_TRUE(instance.Initialize(info, 0));
+        const Decoded plain = DecodeAll(instance);
+        instance.CloseInput();
+        Decoded before = DecodeAll(instance, -1, 10);
+        LogCapture log;
+        instance.Seek(-1000000);
+        ASSERT_EQ(log.Messages().size(), 1);
+        EXPECT_TRUE(log.Messages()[0].startsWith("Seek Failed. (code ")) << log.Messages()[0].toStdString();
+        EXPECT_EQ(log.Types(), QList<QtMsgType>{QtCriticalMsg});
+        EXPECT_EQ(PaintedIndexes(before.video + DecodeAll(instance).video), PaintedIndexes(plain.video));
+    }
+}
+
+TEST(Seek, RoundsTheTimeToTheNearestTickOfTheStream)
+{
+    // WebM counts milliseconds; picture 30 is the key frame at 1.2 s.
+    auto info = Probe("vp8.webm");
     MediaInstance instance;
     ASSERT_TRUE(instance.Initialize(info, 0));
-    DecodeAll(instance, -1, 10);
-    LogCapture log;
-    instance.Seek(-1000000);
-    ASSERT_EQ(log.Messages().size(), 1);
-    EXPECT_TRUE(log.Messages()[0].startsWith("Seek Failed. (code ")) << log.Messages()[0].toStdString();
-    EXPECT_EQ(log.Types(), QList<QtMsgType>{QtCriticalMsg});
-    DecodeAll(instance, -1, 1000);
-    EXPECT_FALSE(instance.HasPacket());
+    for (const auto& [time, firstPicture] : {std::pair{1199600, 30}, {1199400, 0}, {1200400, 30}}) {
+        instance.Seek(time);
+        EXPECT_EQ(PaintedIndexes(DecodeAll(instance, -1, 3).video).value(0), firstPicture) << time;
+    }
+}
+
+TEST(Seek, ToZeroOnAnAudioOnlySourceDecodesItAllAgain)
+{
+    // Opus in WebM starts at -7 ms: the seek goes by the container's start.
+    for (const char* file : {"opus.webm", "s16_stereo.wav"}) {
+        SCOPED_TRACE(file);
+        auto info = Probe(file);
+        MediaInstance instance;
+        ASSERT_TRUE(instance.Initialize(info, 0));
+        const int records = DecodeAll(instance).audio.size();
+        ASSERT_GT(records, 20);
+        instance.Seek(0);
+        EXPECT_EQ(DecodeAll(instance).audio.size(), records);
+    }
 }

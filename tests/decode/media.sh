@@ -31,3 +31,5 @@ make format_change.mkv -f concat -i "$out/format_change.txt" -c copy
 # MPEG-TS whose first picture lies at -80 ms, with key frames every 0.4 s.
 make negative_start_gop10.ts -f lavfi -i "$(paint 320x240 25 75)" -c:v libx264 -g 10 -muxdelay 0 -muxpreload 0 \
     -output_ts_offset -0.08 -avoid_negative_ts disabled -f mpegts
+# Opus in WebM, audio only: the encoder gives the stream a start of -7 ms.
+make opus.webm -f lavfi -i "$(tone 48000 3)" -c:a libopus
