@@ -1,0 +1,533 @@
+#include <MolvaneAV/Player.h>
+
+#include <MolvaneAV/DecodedAudio.h>
+#include <MolvaneAV/DecodedVideo.h>
+#include <MolvaneAV/MediaInstance.h>
+#include <MolvaneAV/MediaReader.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+namespace molvane {
+
+namespace {
+
+using VideoList = QList<std::shared_ptr<DecodedVideoFrame>>;
+using AudioList = QList<std::shared_ptr<DecodedAudioFrame>>;
+
+constexpr int64_t kSecond = 1000000;
+// A still has no end of its own: it covers everything after it.
+constexpr int64_t kForever = int64_t(1) << 60;
+// Audio the decoder keeps ahead of the play position when there is no video.
+constexpr int64_t kAudioAhead = 2 * kSecond;
+// Bounds on the calls of one exact seek or one backward chunk, so that a
+// broken file ends in a missing frame, never in a hang.
+constexpr int kMaxCallsPerJob = 20000;
+// Pictures kept before the target of an exact seek, for stepping back.
+constexpr int kTrailingPictures = 3;
+
+} // namespace
+
+struct Player::Impl {
+    explicit Impl(int64_t budget) : budget(budget) {}
+
+    // Set by Open before the thread starts, read-only afterwards.
+    std::shared_ptr<MediaInfo> info;
+    bool isImage = false;
+    bool hasVideo = false, hasAudio = false;
+    int64_t streamStart = 0, step = 40000, duration = 0, budget;
+    int channels = 0, sampleRate = 0;
+    bool largeSeekOffset = false;
+
+    MediaInstance instance; // the decoding thread's alone once it runs
+    DecodedAudio audio;     // locks itself
+
+    mutable std::mutex mutex; // guards everything below
+    std::condition_variable wake, progress;
+    DecodedVideo video;
+    std::thread thread;
+    bool quit = false, idle = false;
+    double position = 0.0, speed = 0.0;
+    std::optional<int64_t> seekTo;
+    int64_t mediaEnd = 0;       // end of the video known so far
+    bool endReached = false;    // the last picture is in the cache
+    bool startReached = false;  // nothing lies before the oldest cached picture
+    bool audioInStep = true;    // the audio cache follows forward decoding
+    bool audioEnded = false;    // the input has no more packets
+    bool instanceAtNewest = true;
+    std::shared_ptr<DecodedAudioFrame> heldAudio; // a first frame waiting for its successor
+    bool holdFirstAudio = true;
+    Stats stats;
+
+    void Run();
+    void ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock);
+    void DecodeForward(std::unique_lock<std::mutex>& lock);
+    void DecodeChunkBefore(int64_t start, std::unique_lock<std::mutex>& lock);
+    bool DecodeCall(VideoList& video, AudioList& audio, int64_t target, std::unique_lock<std::mutex>& lock);
+    void Reposition(int64_t time);
+    void AppendForward(const std::shared_ptr<DecodedVideoFrame>& frame);
+    void AppendAudio(const AudioList& frames);
+    void ClearCaches();
+    int64_t Now() const { return int64_t(position); }
+    bool Covers(int64_t time) const { return video.GetFrame(time, 0) != nullptr; }
+    void Wake()
+    {
+        idle = false;
+        wake.notify_all();
+    }
+};
+
+Player::Player(int64_t videoCacheBytes) : impl(std::make_unique<Impl>(videoCacheBytes)) {}
+
+Player::~Player()
+{
+    Close();
+}
+
+bool Player::Open(const QString& path, bool isImage, int64_t imageDuration)
+{
+    Close();
+    auto info = std::make_shared<MediaInfo>(path);
+    info->isImage = isImage;
+    if (!MediaReader::ParseMedia(info))
+        return false;
+    Impl& d = *impl;
+    if (!d.instance.Initialize(info, 0) || !d.instance.HasPacket())
+        return false;
+    d.info = info;
+    d.isImage = isImage;
+    d.hasVideo = d.instance.GetActiveVideoStreamIndex() >= 0;
+    d.hasAudio = d.instance.GetActiveAudioStreamIndex() >= 0 && !isImage;
+    d.channels = d.hasAudio ? d.instance.GetOutputChannelCount() : 0;
+    d.sampleRate = d.hasAudio ? d.instance.GetSampleRate() : 0;
+    d.largeSeekOffset = d.instance.RequiresLargeSeekOffset();
+    if (d.hasVideo) {
+        VideoStream stream;
+        info->GetVideoStream(d.instance.GetActiveVideoStreamIndex(), stream);
+        d.streamStart = stream.startTime;
+        d.step = stream.frameStep > 0 ? stream.frameStep : 40000;
+        d.video.SetMaxCacheSize(d.budget, std::max(1, stream.width), std::max(1, stream.height), 3);
+    }
+    d.duration = isImage ? imageDuration : std::max<int64_t>(0, info->GetDuration());
+    d.audio.SetMaxFrameCount(256);
+    std::lock_guard<std::mutex> lock(d.mutex);
+    d.quit = false;
+    d.position = 0.0;
+    d.speed = 0.0;
+    d.mediaEnd = d.isImage ? kForever : std::max(d.duration, d.step);
+    d.stats = Stats();
+    d.stats.videoCacheBudget = d.budget;
+    d.seekTo.reset();
+    d.endReached = d.audioEnded = d.startReached = false;
+    d.instanceAtNewest = d.audioInStep = true;
+    d.holdFirstAudio = true;
+    d.thread = std::thread([&d] { d.Run(); });
+    return true;
+}
+
+void Player::Close()
+{
+    Impl& d = *impl;
+    {
+        std::lock_guard<std::mutex> lock(d.mutex);
+        d.quit = true;
+        d.Wake();
+    }
+    if (d.thread.joinable())
+        d.thread.join();
+    d.instance.Shutdown();
+    std::lock_guard<std::mutex> lock(d.mutex);
+    d.video.ForceClear();
+    d.audio.ForceClear();
+    d.heldAudio.reset();
+    d.info.reset();
+    d.hasVideo = d.hasAudio = false;
+}
+
+std::shared_ptr<const MediaInfo> Player::Info() const { return impl->info; }
+bool Player::HasVideo() const { return impl->hasVideo; }
+bool Player::HasAudio() const { return impl->hasAudio; }
+int64_t Player::Duration() const { return impl->duration; }
+int64_t Player::FrameStep() const { return impl->step; }
+int Player::AudioChannels() const { return impl->channels; }
+int Player::AudioSampleRate() const { return impl->sampleRate; }
+
+int64_t Player::Position() const
+{
+    std::lock_guard<std::mutex> lock(impl->mutex);
+    return impl->Now();
+}
+
+double Player::Speed() const
+{
+    std::lock_guard<std::mutex> lock(impl->mutex);
+    return impl->speed;
+}
+
+void Player::SetSpeed(double speed)
+{
+    Impl& d = *impl;
+    std::lock_guard<std::mutex> lock(d.mutex);
+    // Audio is only cached in forward decoding: starting to play forwards
+    // after standing or reversing finds it again with an exact seek.
+    if (speed > 0.0 && d.speed <= 0.0 && d.hasAudio && !d.audioInStep && !d.seekTo)
+        d.seekTo = d.Now();
+    d.speed = speed;
+    d.Wake();
+}
+
+void Player::Advance(int64_t wallMicros)
+{
+    Impl& d = *impl;
+    std::lock_guard<std::mutex> lock(d.mutex);
+    const double end = double(std::max<int64_t>(0, d.duration - 1));
+    d.position = std::clamp(d.position + d.speed * double(wallMicros), 0.0, end);
+    d.Wake();
+}
+
+void Player::Seek(int64_t position)
+{
+    Impl& d = *impl;
+    std::lock_guard<std::mutex> lock(d.mutex);
+    d.position = double(std::clamp<int64_t>(position, 0, std::max<int64_t>(0, d.duration - 1)));
+    // Within the cache a jump only moves the clock; the fill finds its
+    // place by time again.
+    if (!d.seekTo && d.Covers(d.Now()) && (!d.hasAudio || d.audioInStep))
+        d.audio.FlushPaBuffer();
+    else
+        d.seekTo = d.Now();
+    d.Wake();
+}
+
+void Player::StepFrames(int count)
+{
+    Impl& d = *impl;
+    std::shared_ptr<DecodedVideoFrame> target;
+    {
+        std::lock_guard<std::mutex> lock(d.mutex);
+        d.speed = 0.0;
+        target = d.video.GetFrame(d.Now(), count);
+    }
+    if (target) {
+        std::lock_guard<std::mutex> lock(d.mutex);
+        d.position = double(target->startTime);
+        d.Wake();
+    } else {
+        Seek(Position() + int64_t(count) * d.step);
+    }
+}
+
+std::shared_ptr<DecodedVideoFrame> Player::FrameAt(int64_t time) const
+{
+    std::lock_guard<std::mutex> lock(impl->mutex);
+    return impl->video.GetFrame(time, 0);
+}
+
+std::shared_ptr<DecodedVideoFrame> Player::WaitFrameAt(int64_t time)
+{
+    Impl& d = *impl;
+    std::unique_lock<std::mutex> lock(d.mutex);
+    if (!d.hasVideo)
+        return nullptr;
+    d.Wake();
+    d.progress.wait(lock, [&] { return d.quit || (!d.seekTo && d.Covers(time)) || d.idle; });
+    return d.seekTo ? nullptr : d.video.GetFrame(time, 0);
+}
+
+void Player::WaitAudio(int64_t time)
+{
+    Impl& d = *impl;
+    std::unique_lock<std::mutex> lock(d.mutex);
+    if (!d.hasAudio)
+        return;
+    d.Wake();
+    d.progress.wait(lock, [&] {
+        return d.quit || d.idle || d.audioEnded || (!d.seekTo && d.audio.GetEndTime() >= time);
+    });
+}
+
+bool Player::FillAudio(int16_t* out, int frames, double volume)
+{
+    Impl& d = *impl;
+    int64_t now = 0;
+    double speed = 0.0;
+    {
+        std::lock_guard<std::mutex> lock(d.mutex);
+        now = d.Now();
+        speed = d.speed;
+    }
+    if (!d.hasAudio || speed <= 0.0) {
+        std::fill(out, out + int64_t(frames) * std::max(1, d.channels), int16_t(0));
+        return false;
+    }
+    const int64_t span = int64_t(frames) * kSecond / d.sampleRate;
+    const bool covered = d.audio.GetFrameCount() > 0 && d.audio.GetStartTime() <= now &&
+                         d.audio.GetEndTime() >= now + std::min(span, d.duration - now - 1);
+    d.audio.PaFillBuffer(out, frames, d.channels, d.sampleRate, now, volume, false, speed);
+    return covered;
+}
+
+Player::Stats Player::GetStats() const
+{
+    std::lock_guard<std::mutex> lock(impl->mutex);
+    return impl->stats;
+}
+
+// ---------------------------------------------------------------------------
+// The decoding thread
+
+void Player::Impl::Run()
+{
+    std::unique_lock<std::mutex> lock(mutex);
+    while (!quit) {
+        if (seekTo) {
+            const int64_t target = *seekTo;
+            ExactSeek(target, lock);
+            if (seekTo == target)
+                seekTo.reset();
+            progress.notify_all();
+            continue;
+        }
+        const int64_t now = Now();
+        if (hasVideo) {
+            video.UpdateCache(now, mediaEnd, speed != 0.0, speed >= 0.0);
+            // Keep the audio that goes with the cached pictures, and the
+            // stretch being played.
+            audio.UpdateCache(std::min(now, video.GetStartTime()) - kSecond,
+                              std::max(now, video.GetEndTime()) + kSecond);
+            if (video.CanCacheForwards() && !endReached) {
+                DecodeForward(lock);
+                continue;
+            }
+            if (video.CanCacheBackwards() && video.GetStartTime() > 0 && !startReached) {
+                DecodeChunkBefore(video.GetStartTime(), lock);
+                continue;
+            }
+        } else if (hasAudio && !audioEnded && (audio.GetFrameCount() == 0 || audio.GetEndTime() < now + kAudioAhead)) {
+            audio.UpdateCache(now - kSecond, now + 2 * kAudioAhead);
+            DecodeForward(lock);
+            continue;
+        }
+        idle = true;
+        progress.notify_all();
+        wake.wait(lock, [&] { return quit || !idle; });
+    }
+    progress.notify_all();
+}
+
+// One DecodePacket outside the lock; false when the input has no more packets.
+bool Player::Impl::DecodeCall(VideoList& videoFrames, AudioList& audioFrames, int64_t target,
+                              std::unique_lock<std::mutex>& lock)
+{
+    lock.unlock();
+    const auto begin = std::chrono::steady_clock::now();
+    const bool more = instance.HasPacket();
+    if (more)
+        instance.DecodePacket(audioFrames, videoFrames, target);
+    const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - begin;
+    lock.lock();
+    stats.decodeSeconds += spent.count();
+    for (const auto& frame : videoFrames) {
+        if (frame->data != nullptr) {
+            ++stats.decodedPictures;
+            stats.decodedMicros += step;
+        }
+    }
+    if (!hasVideo) {
+        for (const auto& frame : audioFrames)
+            stats.decodedMicros += frame->endTime - frame->startTime + 1;
+    }
+    return more;
+}
+
+void Player::Impl::ClearCaches()
+{
+    video.Clear();
+    audio.Clear();
+    audio.FlushPaBuffer();
+    heldAudio.reset();
+    holdFirstAudio = true;
+    endReached = audioEnded = startReached = false;
+    mediaEnd = isImage ? kForever : std::max(duration, step);
+}
+
+// Positions the input so that the next picture decoded is the first at or
+// after time's key frame; at or before 0 the file is reopened, since a seek
+// to 0 can land past the first picture.
+void Player::Impl::Reposition(int64_t time)
+{
+    if (time <= 0 || isImage)
+        instance.CloseInput();
+    else
+        instance.Seek(time + streamStart);
+}
+
+void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
+{
+    ClearCaches();
+    audioInStep = true;
+    ++stats.seeks;
+    int64_t early = largeSeekOffset ? kSecond : 0;
+    for (;;) {
+        lock.unlock();
+        Reposition(target - early);
+        lock.lock();
+        holdFirstAudio = true;
+        bool first = true, landedLate = false;
+        for (int calls = 0; calls < kMaxCallsPerJob && !quit && seekTo == target; ++calls) {
+            VideoList pictures;
+            AudioList sounds;
+            // The library's trailing-frame filter would end a drain at the
+            // first picture it drops and lose the last pictures of the file:
+            // decode everything and keep only the last few before the target.
+            const bool more = DecodeCall(pictures, sounds, -1, lock);
+            if (!landedLate)
+                AppendAudio(sounds);
+            for (const auto& picture : pictures) {
+                if (first && picture->data && picture->startTime > target && target - early > 0) {
+                    landedLate = true;
+                    break;
+                }
+                first = first && !picture->data;
+                if (!picture->data || picture->startTime >= target - kTrailingPictures * step)
+                    AppendForward(picture);
+            }
+            progress.notify_all();
+            if (landedLate || !more || (!hasVideo && audio.GetEndTime() >= target + kAudioAhead) ||
+                (hasVideo && (endReached || (Covers(target) && video.GetEndTime() > target + step))))
+                break;
+        }
+        if (!landedLate)
+            break;
+        // The seek landed after the target: no picture may be shown that
+        // does not cover it, so go further back and decode again.
+        ClearCaches();
+        ++stats.reseeks;
+        early = early == 0 ? kSecond : 2 * early;
+    }
+    instanceAtNewest = true;
+}
+
+void Player::Impl::DecodeForward(std::unique_lock<std::mutex>& lock)
+{
+    if (!instanceAtNewest) {
+        // A backward chunk moved the input: go back to the newest picture.
+        const int64_t newest = video.LastFrame() ? video.LastFrame()->startTime : Now();
+        lock.unlock();
+        Reposition(newest - (largeSeekOffset ? kSecond : 0));
+        lock.lock();
+        instanceAtNewest = true;
+    }
+    VideoList pictures;
+    AudioList sounds;
+    if (!DecodeCall(pictures, sounds, -1, lock)) {
+        endReached = audioEnded = true;
+        if (heldAudio)
+            audio.AppendFrame(std::exchange(heldAudio, nullptr));
+        mediaEnd = video.GetFrameCount() > 0 ? video.GetEndTime() : mediaEnd;
+    }
+    AppendAudio(sounds);
+    for (const auto& picture : pictures)
+        AppendForward(picture);
+    progress.notify_all();
+}
+
+void Player::Impl::AppendForward(const std::shared_ptr<DecodedVideoFrame>& picture)
+{
+    if (picture->data == nullptr) {
+        // The end of the stream: the last picture lasts to the media's end.
+        if (const auto last = video.LastFrame()) {
+            const int64_t end = isImage ? kForever : std::max(last->startTime + step, duration) - 1;
+            video.OverrideLastFrameEndTime(end);
+            mediaEnd = end;
+        }
+        endReached = true;
+        audioEnded = true;
+        if (heldAudio)
+            audio.AppendFrame(std::exchange(heldAudio, nullptr));
+        return;
+    }
+    // Pictures before the cached range would be stretched over the gap to it.
+    if (video.GetFrameCount() > 0 && picture->startTime < video.GetStartTime())
+        return;
+    picture->endTime = isImage ? kForever : picture->startTime + step - 1;
+    video.AppendFrame(picture);
+    if (isImage) {
+        endReached = true;
+        mediaEnd = kForever;
+    }
+    stats.largestFrameBytes = std::max<int64_t>(stats.largestFrameBytes, picture->size);
+    stats.peakVideoCacheBytes = std::max(stats.peakVideoCacheBytes, video.GetSize());
+}
+
+void Player::Impl::AppendAudio(const AudioList& frames)
+{
+    for (const auto& frame : frames) {
+        if (holdFirstAudio) {
+            // The first frame after an open or a seek can come out short (an
+            // MP3 decoder trims its priming samples) but keeps its packet's
+            // time: make it end where its successor begins.
+            holdFirstAudio = false;
+            heldAudio = frame;
+            continue;
+        }
+        if (heldAudio) {
+            const int64_t length = heldAudio->endTime - heldAudio->startTime;
+            if (heldAudio->endTime + 1 < frame->startTime && heldAudio->startTime < frame->startTime) {
+                heldAudio->endTime = frame->startTime - 1;
+                heldAudio->startTime = heldAudio->endTime - length;
+            }
+            audio.AppendFrame(std::exchange(heldAudio, nullptr));
+        }
+        audio.AppendFrame(frame);
+    }
+}
+
+void Player::Impl::DecodeChunkBefore(int64_t start, std::unique_lock<std::mutex>& lock)
+{
+    instanceAtNewest = false;
+    audioInStep = false;
+    for (int64_t chunk = std::max<int64_t>(kSecond, 8 * step);; chunk *= 2) {
+        const int64_t from = std::max<int64_t>(0, start - chunk);
+        lock.unlock();
+        Reposition(from - (largeSeekOffset && from > 0 ? kSecond : 0));
+        lock.lock();
+        VideoList pictures;
+        for (int calls = 0; calls < kMaxCallsPerJob && !quit && !seekTo; ++calls) {
+            VideoList out;
+            AudioList ignored; // reverse play is silent
+            const bool more = DecodeCall(out, ignored, -1, lock);
+            bool past = !more;
+            for (const auto& picture : out) {
+                past = past || picture->data == nullptr || picture->startTime >= start;
+                if (!past && picture->startTime + step > 0 && picture->startTime >= from - step)
+                    pictures.append(picture);
+            }
+            if (past)
+                break;
+        }
+        if (quit || seekTo || start != video.GetStartTime())
+            return;
+        startReached = pictures.isEmpty();
+        if (!pictures.isEmpty() || from == 0) {
+            // Newest first: each lands just before the oldest cached one, as
+            // long as the cache's policy makes room for it.
+            for (auto it = pictures.rbegin(); it != pictures.rend(); ++it) {
+                video.UpdateCache(Now(), mediaEnd, speed != 0.0, speed >= 0.0);
+                if (!video.CanCacheBackwards() && video.GetFrameCount() > 0)
+                    break;
+                (*it)->endTime = (*it)->startTime + step - 1;
+                video.AppendFrame(*it);
+                stats.peakVideoCacheBytes = std::max(stats.peakVideoCacheBytes, video.GetSize());
+            }
+            progress.notify_all();
+            return;
+        }
+    }
+}
+
+} // namespace molvane

@@ -1,0 +1,228 @@
+// molvane-play: plays a file through the player engine without a window and
+// writes what a viewer would have seen and heard.
+//
+//   molvane-play [FILE] [--out DIR] [--start S] [--duration D] [--speed X]
+//                [--volume V] [--cache-mb N] [--seek-every S] [--realtime] [--image]
+//
+// Without FILE it plays a sample it writes on first use. Into --out (default:
+// a folder named after the file) go audio.wav (what the audio device
+// received), ticks.csv (one line per display tick), frames.png (16 frames
+// shown at even intervals, or the waveform of a file without video) and
+// summary.json, which also goes to stdout. Exits 1 when the file cannot be
+// played; the library's message is on stderr.
+
+#include "PlayOutputs.h"
+
+#include <MolvaneAV/Player.h>
+
+#include <QCommandLineParser>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFileInfo>
+#include <QGuiApplication>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTextStream>
+#include <QThread>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr int64_t kSecond = 1000000;
+
+// A moving test picture with a frame counter and a tone, made with the
+// ffmpeg program the first time it is needed.
+QString BuiltInSample()
+{
+    const QString dir = QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation) + "/molvane";
+    const QString path = dir + "/sample.mp4";
+    if (QFileInfo::exists(path))
+        return path;
+    QDir().mkpath(dir);
+    QProcess ffmpeg;
+    ffmpeg.start("ffmpeg", {"-v", "error", "-nostdin", "-y", "-f", "lavfi", "-i",
+                            "testsrc=size=640x360:rate=25:duration=10", "-f", "lavfi", "-i",
+                            "sine=frequency=440:sample_rate=48000:duration=10", "-c:v", "libx264", "-g", "50",
+                            "-bf", "2", "-c:a", "aac", "-fflags", "+bitexact", path + ".part"});
+    if (!ffmpeg.waitForFinished(300000) || ffmpeg.exitCode() != 0 || !QFile::rename(path + ".part", path)) {
+        std::fprintf(stderr, "molvane-play: cannot write the sample with ffmpeg: %s\n",
+                     ffmpeg.readAllStandardError().constData());
+        return QString();
+    }
+    return path;
+}
+
+void ShowProgress(double done)
+{
+    const int width = 40, filled = int(std::lround(std::clamp(done, 0.0, 1.0) * width));
+    std::fprintf(stderr, "\r[%s%s] %3d%%", std::string(size_t(filled), '#').c_str(),
+                 std::string(size_t(width - filled), '.').c_str(), int(std::lround(done * 100)));
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") &&
+        qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen"); // text on the contact sheet needs fonts, not a screen
+    QGuiApplication app(argc, argv);
+    QCommandLineParser parser;
+    parser.addPositionalArgument("file", "Media file; without it, a built-in sample.");
+    parser.addOptions({{"out", "Output folder.", "dir"},
+                       {"start", "Start position in seconds.", "s"},
+                       {"duration", "Seconds of play (default: to the end; 5 for --image).", "d"},
+                       {"speed", "Play speed; negative plays backwards.", "x", "1"},
+                       {"volume", "Volume factor.", "v", "1"},
+                       {"cache-mb", "Video cache budget in MiB.", "n", "512"},
+                       {"seek-every", "Jump to a random position every S seconds of play.", "s"},
+                       {"realtime", "Pace ticks by the wall clock; count late ones."},
+                       {"image", "Play the file as a still."}});
+    parser.addHelpOption();
+    parser.process(app);
+
+    QString file = parser.positionalArguments().value(0);
+    if (file.isEmpty() && (file = BuiltInSample()).isEmpty())
+        return 1;
+    const bool isImage = parser.isSet("image");
+    const double speed = parser.value("speed").toDouble();
+    const double volume = parser.value("volume").toDouble();
+    const int64_t budget = parser.value("cache-mb").toLongLong() << 20;
+    const QString out = parser.isSet("out") ? parser.value("out") : QFileInfo(file).completeBaseName();
+
+    molvane::Player player(budget);
+    const int64_t requested = parser.isSet("duration") ? int64_t(parser.value("duration").toDouble() * kSecond)
+                              : isImage                ? 5 * kSecond
+                                                       : -1;
+    if (!player.Open(file, isImage, requested > 0 ? requested : 5 * kSecond))
+        return 1;
+    if (!QDir().mkpath(out)) {
+        std::fprintf(stderr, "molvane-play: cannot create %s\n", qPrintable(out));
+        return 1;
+    }
+
+    const int64_t end = player.Duration();
+    const int64_t tick = player.HasVideo() ? player.FrameStep() : 40000; // wall time per display tick
+    int64_t start = parser.isSet("start") ? int64_t(parser.value("start").toDouble() * kSecond)
+                    : speed < 0           ? end - 1
+                                          : 0;
+    start = std::clamp<int64_t>(start, 0, std::max<int64_t>(0, end - 1));
+    const int64_t span = requested > 0 ? requested : int64_t(double(speed < 0 ? start : end - start) / std::abs(speed));
+    const int64_t ticks = std::max<int64_t>(1, span / tick);
+    const int64_t seekEvery = parser.isSet("seek-every") ? int64_t(parser.value("seek-every").toDouble() * kSecond) : 0;
+    const bool realtime = parser.isSet("realtime");
+
+    const int channels = std::max(1, player.AudioChannels());
+    const int rate = player.HasAudio() ? player.AudioSampleRate() : 48000;
+    WavWriter wav;
+    QString error;
+    if (!wav.Open(out + "/audio.wav", channels, rate, &error)) {
+        std::fprintf(stderr, "molvane-play: %s\n", qPrintable(error));
+        return 1;
+    }
+    QFile csv(out + "/ticks.csv");
+    if (!csv.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+        std::fprintf(stderr, "molvane-play: cannot write %s\n", qPrintable(csv.fileName()));
+        return 1;
+    }
+    QTextStream ticksOut(&csv);
+    ticksOut << "play_time_us,frame_start_us,late\n";
+
+    player.Seek(start);
+    player.SetSpeed(speed);
+    std::mt19937_64 random(1);
+    std::vector<int16_t> samples;
+    std::vector<int16_t> heard; // kept for the waveform of a file without video
+    std::set<int64_t> shownStarts;
+    QList<std::pair<int64_t, std::shared_ptr<DecodedVideoFrame>>> sheet;
+    std::shared_ptr<DecodedVideoFrame> shown;
+    int64_t late = 0, silentBuffers = 0, samplesWritten = 0;
+    const bool progress = isatty(STDERR_FILENO);
+    QElapsedTimer wall;
+    wall.start();
+    for (int64_t i = 0; i < ticks; ++i) {
+        if (seekEvery > 0 && i > 0 && i * tick % seekEvery < tick)
+            player.Seek(int64_t(random() % uint64_t(std::max<int64_t>(1, end))));
+        const int64_t now = player.Position();
+        std::shared_ptr<DecodedVideoFrame> frame;
+        if (realtime) {
+            const int64_t due = i * tick;
+            if (wall.nsecsElapsed() / 1000 < due)
+                QThread::usleep(unsigned(due - wall.nsecsElapsed() / 1000));
+            frame = player.FrameAt(now);
+        } else {
+            frame = player.WaitFrameAt(now);
+            player.WaitAudio(now + int64_t(std::abs(speed) * double(tick)) + kSecond / 10);
+        }
+        const bool isLate = player.HasVideo() && !frame;
+        if (frame)
+            shown = frame;
+        late += isLate ? 1 : 0;
+        ticksOut << now << ',' << (shown ? shown->startTime : -1) << ',' << (isLate ? 1 : 0) << '\n';
+        if (shown)
+            shownStarts.insert(shown->startTime);
+        if (shown && sheet.size() < 16 && i >= sheet.size() * ticks / 16)
+            sheet.append({now, shown});
+
+        // The audio device takes one tick of wall time per tick.
+        const int64_t due = (i + 1) * tick * rate / kSecond;
+        const int frames = int(due - samplesWritten);
+        samples.resize(size_t(frames) * channels);
+        if (frames > 0) {
+            silentBuffers += player.FillAudio(samples.data(), frames, volume) || !player.HasAudio() ? 0 : 1;
+            wav.Write(samples.data(), frames);
+            if (!player.HasVideo())
+                heard.insert(heard.end(), samples.begin(), samples.end());
+            samplesWritten = due;
+        }
+        player.Advance(tick);
+        if (progress && i % 25 == 0)
+            ShowProgress(double(i + 1) / double(ticks));
+    }
+    if (progress)
+        ShowProgress(1.0), std::fputc('\n', stderr);
+    if (!wav.Close(&error))
+        std::fprintf(stderr, "molvane-play: %s\n", qPrintable(error));
+    csv.close();
+    const bool pictureWritten =
+        player.HasVideo() ? WriteContactSheet(out + "/frames.png", sheet, &error)
+                          : WriteWaveform(out + "/frames.png", heard.data(), int64_t(heard.size()) / channels,
+                                          channels, &error);
+    if (!pictureWritten)
+        std::fprintf(stderr, "molvane-play: %s\n", qPrintable(error));
+
+    const molvane::Player::Stats stats = player.GetStats();
+    const QJsonObject summary{
+        {"file", QFileInfo(file).absoluteFilePath()},
+        {"ticks", double(ticks)},
+        {"late_ticks", double(late)},
+        {"frames_shown", double(shownStarts.size())},
+        {"silent_audio_buffers", double(silentBuffers)},
+        {"seeks", stats.seeks},
+        {"seeks_made_again", stats.reseeks},
+        {"peak_video_cache_bytes", double(stats.peakVideoCacheBytes)},
+        {"video_cache_budget_bytes", double(stats.videoCacheBudget)},
+        {"largest_frame_bytes", double(stats.largestFrameBytes)},
+        {"decode_speed_x_realtime",
+         stats.decodeSeconds > 0 ? double(stats.decodedMicros) / kSecond / stats.decodeSeconds : 0.0},
+    };
+    QFile json(out + "/summary.json");
+    const QByteArray text = QJsonDocument(summary).toJson();
+    if (!json.open(QIODevice::WriteOnly | QIODevice::Truncate) || json.write(text) != text.size()) {
+        std::fprintf(stderr, "molvane-play: cannot write %s\n", qPrintable(json.fileName()));
+        return 1;
+    }
+    std::fwrite(text.constData(), 1, size_t(text.size()), stdout);
+    return 0;
+}
