@@ -33,15 +33,19 @@ constexpr int kTrailingPictures = 3;
 } // namespace
 
 struct Player::Impl {
-    explicit Impl(int64_t budget) : budget(budget) {}
+    explicit Impl(int64_t budget) : requestedBudget(budget), budget(budget) {}
 
     // Set by Open before the thread starts, read-only afterwards.
     std::shared_ptr<MediaInfo> info;
     bool isImage = false;
     bool hasVideo = false, hasAudio = false;
+    const int64_t requestedBudget;
     int64_t streamStart = 0, step = 40000, duration = 0, budget;
     int channels = 0, sampleRate = 0;
     bool largeSeekOffset = false;
+    // Audio records keep their stream's times; the clock counts from the
+    // first picture (or, without video, from the first sound).
+    int64_t audioOffset = 0;
 
     MediaInstance instance; // the decoding thread's alone once it runs
     DecodedAudio audio;     // locks itself
@@ -110,9 +114,28 @@ bool Player::Open(const QString& path, bool isImage, int64_t imageDuration)
         info->GetVideoStream(d.instance.GetActiveVideoStreamIndex(), stream);
         d.streamStart = stream.startTime;
         d.step = stream.frameStep > 0 ? stream.frameStep : 40000;
+        // Fewer than 30 cached frames always ask for more ahead, which would
+        // stop reverse play: the budget holds more than that.
+        const int64_t frameBytes = int64_t(std::max(1, stream.width) * 3 + 3) / 4 * 4 * std::max(1, stream.height);
+        d.budget = std::max(d.requestedBudget, 32 * frameBytes);
         d.video.SetMaxCacheSize(d.budget, std::max(1, stream.width), std::max(1, stream.height), 3);
     }
     d.duration = isImage ? imageDuration : std::max<int64_t>(0, info->GetDuration());
+    d.audioOffset = d.hasVideo ? d.streamStart : 0;
+    if (!d.hasVideo && d.hasAudio) {
+        // Where the sound starts, once the first frame has its true time.
+        QList<std::shared_ptr<DecodedAudioFrame>> sounds;
+        QList<std::shared_ptr<DecodedVideoFrame>> none;
+        for (int calls = 0; calls < 100 && sounds.size() < 2 && d.instance.HasPacket(); ++calls)
+            d.instance.DecodePacket(sounds, none, -1);
+        if (!sounds.isEmpty()) {
+            const auto& first = *sounds[0];
+            d.audioOffset = sounds.size() > 1 && first.endTime + 1 < sounds[1]->startTime
+                                ? sounds[1]->startTime - (first.endTime - first.startTime) - 1
+                                : first.startTime;
+        }
+        d.instance.CloseInput();
+    }
     d.audio.SetMaxFrameCount(256);
     std::lock_guard<std::mutex> lock(d.mutex);
     d.quit = false;
@@ -246,7 +269,7 @@ void Player::WaitAudio(int64_t time)
         return;
     d.Wake();
     d.progress.wait(lock, [&] {
-        return d.quit || d.idle || d.audioEnded || (!d.seekTo && d.audio.GetEndTime() >= time);
+        return d.quit || d.idle || d.audioEnded || (!d.seekTo && d.audio.GetEndTime() >= time + d.audioOffset);
     });
 }
 
@@ -257,7 +280,7 @@ bool Player::FillAudio(int16_t* out, int frames, double volume)
     double speed = 0.0;
     {
         std::lock_guard<std::mutex> lock(d.mutex);
-        now = d.Now();
+        now = d.Now() + d.audioOffset;
         speed = d.speed;
     }
     if (!d.hasAudio || speed <= 0.0) {
@@ -266,7 +289,7 @@ bool Player::FillAudio(int16_t* out, int frames, double volume)
     }
     const int64_t span = int64_t(frames) * kSecond / d.sampleRate;
     const bool covered = d.audio.GetFrameCount() > 0 && d.audio.GetStartTime() <= now &&
-                         d.audio.GetEndTime() >= now + std::min(span, d.duration - now - 1);
+                         d.audio.GetEndTime() >= now + std::min(span, d.duration + d.audioOffset - now - 1);
     d.audio.PaFillBuffer(out, frames, d.channels, d.sampleRate, now, volume, false, speed);
     return covered;
 }
@@ -297,8 +320,8 @@ void Player::Impl::Run()
             video.UpdateCache(now, mediaEnd, speed != 0.0, speed >= 0.0);
             // Keep the audio that goes with the cached pictures, and the
             // stretch being played.
-            audio.UpdateCache(std::min(now, video.GetStartTime()) - kSecond,
-                              std::max(now, video.GetEndTime()) + kSecond);
+            audio.UpdateCache(std::min(now, video.GetStartTime()) + audioOffset - kSecond,
+                              std::max(now, video.GetEndTime()) + audioOffset + kSecond);
             if (video.CanCacheForwards() && !endReached) {
                 DecodeForward(lock);
                 continue;
@@ -307,8 +330,9 @@ void Player::Impl::Run()
                 DecodeChunkBefore(video.GetStartTime(), lock);
                 continue;
             }
-        } else if (hasAudio && !audioEnded && (audio.GetFrameCount() == 0 || audio.GetEndTime() < now + kAudioAhead)) {
-            audio.UpdateCache(now - kSecond, now + 2 * kAudioAhead);
+        } else if (hasAudio && !audioEnded &&
+                   (audio.GetFrameCount() == 0 || audio.GetEndTime() < now + audioOffset + kAudioAhead)) {
+            audio.UpdateCache(now + audioOffset - kSecond, now + audioOffset + 2 * kAudioAhead);
             DecodeForward(lock);
             continue;
         }
@@ -388,16 +412,18 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
             if (!landedLate)
                 AppendAudio(sounds);
             for (const auto& picture : pictures) {
-                if (first && picture->data && picture->startTime > target && target - early > 0) {
+                // A first picture after the target, or the end of the
+                // stream before any picture: the seek landed too late.
+                if (first && (!picture->data || picture->startTime > target) && target - early > 0) {
                     landedLate = true;
                     break;
                 }
-                first = first && !picture->data;
+                first = false;
                 if (!picture->data || picture->startTime >= target - kTrailingPictures * step)
                     AppendForward(picture);
             }
             progress.notify_all();
-            if (landedLate || !more || (!hasVideo && audio.GetEndTime() >= target + kAudioAhead) ||
+            if (landedLate || !more || (!hasVideo && audio.GetEndTime() >= target + audioOffset + kAudioAhead) ||
                 (hasVideo && (endReached || (Covers(target) && video.GetEndTime() > target + step))))
                 break;
         }

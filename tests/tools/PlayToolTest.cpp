@@ -1,0 +1,123 @@
+// molvane-play as a user runs it, judged by its outputs: every display tick
+// shows the picture that covers its play time, whatever the speed, direction,
+// start or jumps; the sound the device received is the source's own decode;
+// the video cache stays within its budget.
+
+#include "support/TestMedia.h"
+
+#include <gtest/gtest.h>
+
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QTemporaryDir>
+
+#include <algorithm>
+
+using namespace molvane::test;
+
+namespace {
+
+struct Outputs {
+    int exitCode = -1;
+    QString err;
+    QJsonObject summary;
+    QList<QList<qint64>> ticks; // play_time_us, frame_start_us, late
+};
+
+Outputs Play(const QString& out, const QStringList& arguments)
+{
+    QProcess process;
+    process.start(QStringLiteral(MOLVANE_PLAY_PATH), arguments + QStringList{"--out", out});
+    Outputs run;
+    if (process.waitForFinished(300000) && process.exitStatus() == QProcess::NormalExit)
+        run.exitCode = process.exitCode();
+    run.err = QString::fromUtf8(process.readAllStandardError());
+    run.summary = QJsonDocument::fromJson(process.readAllStandardOutput()).object();
+    QFile csv(out + "/ticks.csv");
+    if (csv.open(QIODevice::ReadOnly)) {
+        EXPECT_EQ(csv.readLine(), QByteArray("play_time_us,frame_start_us,late\n"));
+        while (!csv.atEnd()) {
+            QList<qint64> fields;
+            for (const QByteArray& field : csv.readLine().trimmed().split(','))
+                fields << field.toLongLong();
+            run.ticks << fields;
+        }
+    }
+    return run;
+}
+
+// Interleaved int16 samples of a file as the ffmpeg program decodes them.
+QByteArray Pcm(const QString& path)
+{
+    return RunFfmpeg({"-i", path, "-map", "0:a:0", "-f", "s16le", "-"});
+}
+
+} // namespace
+
+TEST(PlayTool, EveryTickShowsThePictureThatCoversItsPlayTime)
+{
+    // Clips of 25 fps: the picture covering t starts at t rounded down to 40 ms,
+    // up to the last picture, which lasts to the end.
+    const struct {
+        const char* file;
+        QStringList arguments;
+        qint64 lastStart;
+        int minTicks;
+    } cases[] = {
+        {"h264_aac.mp4", {}, 1960000, 50},
+        {"h264_aac.mp4", {"--speed", "2"}, 1960000, 25},
+        {"h264_aac.mp4", {"--speed", "-1"}, 1960000, 49},
+        {"h264_aac.mp4", {"--start", "1.9"}, 1960000, 2},
+        {"vp9.webm", {"--speed", "-1", "--cache-mb", "1"}, 2960000, 74},
+        {"hevc_open_gop.mp4", {"--seek-every", "0.2"}, 2960000, 75},
+        {"hevc_open_gop.mkv", {"--speed", "-1", "--seek-every", "0.1"}, 2960000, 74},
+        {"mpeg1.mpg", {"--seek-every", "0.3"}, 1960000, 50},
+        {"late_start.ts", {"--seek-every", "0.2"}, 1960000, 50},
+        {"negative_start_gop10.ts", {"--seek-every", "0.2"}, 2880000, 75},
+    };
+    QTemporaryDir dir;
+    for (const auto& c : cases) {
+        SCOPED_TRACE((c.file + (" " + c.arguments.join(' '))).toStdString());
+        const Outputs run = Play(dir.path(), QStringList{MediaPath(c.file)} + c.arguments);
+        ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
+        ASSERT_GE(run.ticks.size(), c.minTicks);
+        for (const auto& tick : run.ticks) {
+            const qint64 expected = std::min(tick[0] / 40000 * 40000, c.lastStart);
+            ASSERT_EQ(tick[1], expected) << "tick at " << tick[0];
+            ASSERT_EQ(tick[2], 0);
+        }
+        EXPECT_EQ(run.summary["ticks"].toInt(), run.ticks.size());
+        EXPECT_EQ(run.summary["late_ticks"].toInt(), 0);
+        // Never more than one picture over the budget.
+        EXPECT_LE(run.summary["peak_video_cache_bytes"].toDouble(),
+                  run.summary["video_cache_budget_bytes"].toDouble() + run.summary["largest_frame_bytes"].toDouble());
+    }
+}
+
+TEST(PlayTool, TheDeviceReceivesTheSourcesOwnSoundSampleForSample)
+{
+    QTemporaryDir dir;
+    // MP3's first frame comes out short; PCM carries its positions.
+    for (const char* file : {"tone.mp3", "s16_stereo.wav", "h264_aac.mp4", "multi_stream.mkv"}) {
+        SCOPED_TRACE(file);
+        const Outputs run = Play(dir.path(), {MediaPath(file)});
+        ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
+        const QByteArray heard = Pcm(dir.filePath("audio.wav")), source = Pcm(MediaPath(file));
+        const int common = int(std::min(heard.size(), source.size()));
+        EXPECT_GE(common, source.size() * 97 / 100);
+        EXPECT_TRUE(heard.left(common) == source.left(common));
+        // Past the end of the source only silence.
+        EXPECT_EQ(heard.mid(common).count('\0'), heard.size() - common);
+    }
+}
+
+TEST(PlayTool, AFileThatCannotBePlayedEndsWithTheLibrarysMessage)
+{
+    QTemporaryDir dir;
+    const QString missing = dir.filePath("missing.mp4");
+    const Outputs run = Play(dir.filePath("out"), {missing});
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_TRUE(run.err.contains("File not found: " + missing)) << run.err.toStdString();
+}
