@@ -18,12 +18,6 @@ using namespace molvane::test;
 
 namespace {
 
-struct ChannelCap {
-    explicit ChannelCap(int cap) { AvGlobals::maxAudioOutputChannels = cap; }
-    ~ChannelCap() { AvGlobals::maxAudioOutputChannels = saved; }
-    const int saved = AvGlobals::maxAudioOutputChannels;
-};
-
 // Index of the first byte where ours differs from expected; -1 when none does.
 int FirstDifference(const QByteArray& ours, const QByteArray& expected)
 {

@@ -20,12 +20,6 @@ using namespace molvane::test;
 
 namespace {
 
-struct ChannelCap {
-    explicit ChannelCap(int cap) { AvGlobals::maxAudioOutputChannels = cap; }
-    ~ChannelCap() { AvGlobals::maxAudioOutputChannels = saved; }
-    const int saved = AvGlobals::maxAudioOutputChannels;
-};
-
 // Painted indexes 0 .. count - 1, then the end-of-stream marker.
 QList<int> WholeMovie(int count)
 {

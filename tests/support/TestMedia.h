@@ -4,6 +4,7 @@
 // make_test_media.sh wrote, the frame index painted into every picture, the
 // position carried by every PCM sample, and the library's log.
 
+#include <MolvaneAV/AvGlobals.h>
 #include <MolvaneAV/DecodedFrames.h>
 #include <MolvaneAV/MediaInfo.h>
 #include <MolvaneAV/MediaInstance.h>
@@ -49,6 +50,13 @@ QList<int> PaintedIndexes(const QList<std::shared_ptr<DecodedVideoFrame>>& video
 
 // Standard output of the ffmpeg program run with args; fails the test if it fails.
 QByteArray RunFfmpeg(const QStringList& args);
+
+// Sets AvGlobals::maxAudioOutputChannels for a scope.
+struct ChannelCap {
+    explicit ChannelCap(int cap) { AvGlobals::maxAudioOutputChannels = cap; }
+    ~ChannelCap() { AvGlobals::maxAudioOutputChannels = saved; }
+    const int saved = AvGlobals::maxAudioOutputChannels;
+};
 
 // Collects what the library logs in its category while in scope.
 class LogCapture

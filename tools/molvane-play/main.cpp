@@ -64,6 +64,27 @@ QString BuiltInSample()
     return path;
 }
 
+// Peak resident memory of this process, from the kernel.
+double PeakResidentBytes()
+{
+    QFile status("/proc/self/status");
+    if (status.open(QIODevice::ReadOnly)) {
+        for (const QByteArray& line : status.readAll().split('\n')) {
+            if (line.startsWith("VmHWM:"))
+                return line.mid(6).trimmed().split(' ').value(0).toDouble() * 1024.0;
+        }
+    }
+    return 0.0;
+}
+
+double Percentile(std::vector<double> values, double share)
+{
+    if (values.empty())
+        return 0.0;
+    std::sort(values.begin(), values.end());
+    return values[size_t(share * double(values.size() - 1) + 0.5)];
+}
+
 void ShowProgress(double done)
 {
     const int width = 40, filled = int(std::lround(std::clamp(done, 0.0, 1.0) * width));
@@ -165,9 +186,13 @@ int main(int argc, char** argv)
     const bool progress = isatty(STDERR_FILENO);
     QElapsedTimer wall;
     wall.start();
+    std::vector<double> seekMillis; // from a jump to its frame, in the virtual clock's mode
     for (int64_t i = 0; i < ticks; ++i) {
-        if (seekEvery > 0 && i > 0 && i * tick % seekEvery < tick)
+        QElapsedTimer jump;
+        if (seekEvery > 0 && i > 0 && i * tick % seekEvery < tick) {
+            jump.start();
             player.Seek(int64_t(random() % uint64_t(std::max<int64_t>(1, end))));
+        }
         const int64_t now = player.Position();
         std::shared_ptr<DecodedVideoFrame> frame;
         if (realtime) {
@@ -177,6 +202,8 @@ int main(int argc, char** argv)
             frame = player.FrameAt(now);
         } else {
             frame = player.WaitFrameAt(now);
+            if (jump.isValid())
+                seekMillis.push_back(double(jump.nsecsElapsed()) / 1e6);
             player.WaitAudio(now + int64_t(std::abs(speed) * double(tick)) + kSecond / 10);
         }
         const bool isLate = player.HasVideo() && !frame;
@@ -228,6 +255,9 @@ int main(int argc, char** argv)
         {"peak_video_cache_bytes", double(stats.peakVideoCacheBytes)},
         {"video_cache_budget_bytes", double(stats.videoCacheBudget)},
         {"largest_frame_bytes", double(stats.largestFrameBytes)},
+        {"seek_to_frame_ms_median", Percentile(seekMillis, 0.5)},
+        {"seek_to_frame_ms_p95", Percentile(seekMillis, 0.95)},
+        {"peak_resident_bytes", PeakResidentBytes()},
         {"decode_speed_x_realtime",
          stats.decodeSeconds > 0 ? double(stats.decodedMicros) / kSecond / stats.decodeSeconds : 0.0},
     };
