@@ -450,15 +450,24 @@ void Player::Impl::DecodeForward(std::unique_lock<std::mutex>& lock)
     }
     VideoList pictures;
     AudioList sounds;
-    if (!DecodeCall(pictures, sounds, -1, lock)) {
+    const bool more = DecodeCall(pictures, sounds, -1, lock);
+    AppendAudio(sounds);
+    for (int i = 0; i < pictures.size(); ++i) {
+        // The drain at the end gives every picture held back at once: take
+        // what the budget allows and decode the rest again when there is room.
+        if (i > 0 && pictures[i]->data && video.IsCacheFull()) {
+            instanceAtNewest = false;
+            progress.notify_all();
+            return;
+        }
+        AppendForward(pictures[i]);
+    }
+    if (!more) {
         endReached = audioEnded = true;
         if (heldAudio)
             audio.AppendFrame(std::exchange(heldAudio, nullptr));
         mediaEnd = video.GetFrameCount() > 0 ? video.GetEndTime() : mediaEnd;
     }
-    AppendAudio(sounds);
-    for (const auto& picture : pictures)
-        AppendForward(picture);
     progress.notify_all();
 }
 

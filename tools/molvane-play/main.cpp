@@ -20,6 +20,7 @@
 #include <QElapsedTimer>
 #include <QFileInfo>
 #include <QGuiApplication>
+#include <QImage>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
@@ -62,6 +63,19 @@ QString BuiltInSample()
         return QString();
     }
     return path;
+}
+
+// A small copy of a shown picture for the contact sheet, so that the sheet
+// does not keep sixteen full pictures alive to the end.
+std::shared_ptr<DecodedVideoFrame> Thumbnail(const DecodedVideoFrame& frame)
+{
+    if (frame.data == nullptr || frame.width < 1 || frame.height < 1 || frame.status != 0)
+        return std::make_shared<DecodedVideoFrame>();
+    const QImage picture(frame.data, frame.width, frame.height, (3 * frame.width + 3) / 4 * 4, QImage::Format_RGB888);
+    const QImage small = picture.width() > 320 ? picture.scaledToWidth(320, Qt::SmoothTransformation) : picture.copy();
+    return std::make_shared<DecodedVideoFrame>(small.constBits(), int(small.sizeInBytes()), small.width(),
+                                               small.height(), frame.startTime, frame.frameRate, frame.rotation,
+                                               frame.isLinearColorSpace);
 }
 
 // Peak resident memory of this process, from the kernel.
@@ -214,7 +228,7 @@ int main(int argc, char** argv)
         if (shown)
             shownStarts.insert(shown->startTime);
         if (shown && sheet.size() < 16 && i >= sheet.size() * ticks / 16)
-            sheet.append({now, shown});
+            sheet.append({now, Thumbnail(*shown)});
 
         // The audio device takes one tick of wall time per tick.
         const int64_t due = (i + 1) * tick * rate / kSecond;
