@@ -72,7 +72,9 @@ std::shared_ptr<DecodedVideoFrame> Thumbnail(const DecodedVideoFrame& frame)
     if (frame.data == nullptr || frame.width < 1 || frame.height < 1 || frame.status != 0)
         return std::make_shared<DecodedVideoFrame>();
     const QImage picture(frame.data, frame.width, frame.height, (3 * frame.width + 3) / 4 * 4, QImage::Format_RGB888);
-    const QImage small = picture.width() > 320 ? picture.scaledToWidth(320, Qt::SmoothTransformation) : picture.copy();
+    // Smooth scaling can change the format: back to the records' own.
+    const QImage small = (picture.width() > 320 ? picture.scaledToWidth(320, Qt::SmoothTransformation) : picture)
+                             .convertToFormat(QImage::Format_RGB888);
     return std::make_shared<DecodedVideoFrame>(small.constBits(), int(small.sizeInBytes()), small.width(),
                                                small.height(), frame.startTime, frame.frameRate, frame.rotation,
                                                frame.isLinearColorSpace);
