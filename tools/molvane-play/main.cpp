@@ -200,6 +200,8 @@ int main(int argc, char** argv)
     std::shared_ptr<DecodedVideoFrame> shown;
     int64_t late = 0, silentBuffers = 0, samplesWritten = 0;
     const bool progress = isatty(STDERR_FILENO);
+    // Like any player, show the first picture before the clock starts.
+    player.WaitFrameAt(player.Position());
     QElapsedTimer wall;
     wall.start();
     std::vector<double> seekMillis; // from a jump to its frame, in the virtual clock's mode
