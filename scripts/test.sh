@@ -19,6 +19,6 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
 # Only the programs of the `threads` label are built here.
 CC=clang-14 CXX=clang++-14 cmake -G Ninja -S "$root" -B "$root/build-tsan" \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMOLVANEAV_TSAN=ON -DMOLVANEAV_BUILD_BENCH=OFF -DMOLVANEAV_BUILD_TOOLS=OFF >/dev/null
-cmake --build "$root/build-tsan" --target audio_thread_stress_test
+cmake --build "$root/build-tsan" --target audio_thread_stress_test player_test
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
   ctest --test-dir "$root/build-tsan" -L threads --output-on-failure

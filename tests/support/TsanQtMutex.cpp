@@ -45,3 +45,11 @@ void QMutex::unlock() noexcept
     qtUnlock(this);
     __tsan_mutex_post_unlock(this, 0);
 }
+
+// FFmpeg's frame-threaded decoders synchronise their worker threads with
+// atomics inside libavcodec, built without instrumentation: what those
+// threads allocate and free looks unsynchronised to the sanitizer.
+extern "C" const char* __tsan_default_suppressions()
+{
+    return "race:libavcodec.so\nrace:libavutil.so\n";
+}

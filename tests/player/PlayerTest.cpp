@@ -1,0 +1,63 @@
+// The engine driven as a window would drive it: the presentation asks for
+// the frame at each tick on one thread while a device thread fills audio
+// buffers, through speed changes, jumps and frame steps. Every picture
+// shown must be the one painted for its time.
+
+#include <MolvaneAV/Player.h>
+
+#include "support/TestMedia.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+using namespace molvane::test;
+
+TEST(Player, ShowsThePaintedFrameOfEveryTickWhileADeviceThreadFillsAudio)
+{
+    molvane::Player player(8 << 20); // a small budget: the cache recycles all the time
+    ASSERT_TRUE(player.Open(MediaPath("h264_aac.mp4")));
+    ASSERT_TRUE(player.HasVideo() && player.HasAudio());
+    EXPECT_EQ(player.Duration(), 2000000);
+    std::atomic<bool> stop{false};
+    std::atomic<int> buffers{0};
+    std::thread device([&] {
+        std::vector<int16_t> buffer(512 * 2);
+        while (!stop) {
+            player.FillAudio(buffer.data(), 512, 1.0);
+            ++buffers;
+            std::this_thread::yield();
+        }
+    });
+    // {speed, start, ticks}: forwards, backwards from the end, fast, a jump back.
+    for (const auto& [speed, start, ticks] : {std::tuple{1.0, 0, 50}, {-1.0, 1999999, 49}, {2.0, 400000, 20},
+                                              {1.0, 1500000, 12}, {-2.0, 1000000, 12}}) {
+        SCOPED_TRACE(testing::Message() << "speed " << speed << " from " << start);
+        player.Seek(start);
+        player.SetSpeed(speed);
+        for (int tick = 0; tick < ticks; ++tick) {
+            const int64_t now = player.Position();
+            const auto frame = player.WaitFrameAt(now);
+            ASSERT_TRUE(frame) << "at " << now;
+            ASSERT_EQ(PaintedIndex(*frame), int(now / 40000)) << "at " << now;
+            player.Advance(40000);
+        }
+    }
+    // Frame steps from a paused picture land exactly one picture away.
+    player.Seek(420000);
+    ASSERT_TRUE(player.WaitFrameAt(420000));
+    for (const auto& [step, index] : {std::pair{1, 11}, {1, 12}, {-1, 11}, {-1, 10}}) {
+        player.StepFrames(step);
+        EXPECT_EQ(player.Speed(), 0.0);
+        const auto frame = player.WaitFrameAt(player.Position());
+        ASSERT_TRUE(frame);
+        EXPECT_EQ(PaintedIndex(*frame), index);
+    }
+    stop = true;
+    device.join();
+    EXPECT_GT(buffers, 0);
+    EXPECT_LE(player.GetStats().peakVideoCacheBytes,
+              player.GetStats().videoCacheBudget + player.GetStats().largestFrameBytes);
+}
