@@ -14,7 +14,7 @@ function(run)
 endfunction()
 
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
-foreach(header AvGlobals MediaInfo MediaReader Logger Settings AudioStream VideoStream Export DecodedFrames MediaInstance DecodedVideo DecodedAudio TimeOrderedFrameList)
+foreach(header AvGlobals MediaInfo MediaReader Logger Settings AudioStream VideoStream Export DecodedFrames MediaInstance DecodedVideo DecodedAudio TimeOrderedFrameList Player)
   if(NOT EXISTS ${prefix}/include/MolvaneAV/${header}.h)
     message(FATAL_ERROR "header ${header}.h not installed")
   endif()

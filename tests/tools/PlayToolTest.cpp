@@ -72,6 +72,8 @@ TEST(PlayTool, EveryTickShowsThePictureThatCoversItsPlayTime)
         {"h264_aac.mp4", {"--start", "1.9"}, 1960000, 2},
         {"vp9.webm", {"--speed", "-1", "--cache-mb", "1"}, 2960000, 74},
         {"hevc_open_gop.mp4", {"--seek-every", "0.2"}, 2960000, 75},
+        {"h264_open_gop.mp4", {"--seek-every", "0.2"}, 2960000, 75},
+        {"still.png", {"--image", "--duration", "1"}, 0, 25},
         {"hevc_open_gop.mkv", {"--speed", "-1", "--seek-every", "0.1"}, 2960000, 74},
         {"mpeg1.mpg", {"--seek-every", "0.3"}, 1960000, 50},
         {"late_start.ts", {"--seek-every", "0.2"}, 1960000, 50},
