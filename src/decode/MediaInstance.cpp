@@ -430,9 +430,11 @@ void MediaInstance::Seek(int64_t time)
             Logger::GetInstance()->Error(QStringLiteral("Seek Failed."), result);
             return;
         }
-        if (videoCodecContext != nullptr)
+        // A failed open can leave a context that never opened; flushing
+        // one reads decoder state that does not exist.
+        if (videoCodecContext != nullptr && avcodec_is_open(videoCodecContext))
             avcodec_flush_buffers(videoCodecContext);
-        if (audioCodecContext != nullptr)
+        if (audioCodecContext != nullptr && avcodec_is_open(audioCodecContext))
             avcodec_flush_buffers(audioCodecContext);
     }
     ReadNextPacket();

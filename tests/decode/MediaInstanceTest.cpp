@@ -102,7 +102,8 @@ TEST(MediaInstanceOpen, RefusesAnExpiredOrUnprobedSource)
 
 TEST(MediaInstanceOpen, FailsWithTheMessageOfWhatIsMissing)
 {
-    // A codec id renamed at the same length leaves a stream no decoder claims.
+    // A codec id renamed at the same length leaves a stream no decoder claims
+    // (or, for Vorbis, a set-up header it refuses).
     struct Case {
         const char* file;
         QByteArray codecId, renamed;
@@ -112,6 +113,9 @@ TEST(MediaInstanceOpen, FailsWithTheMessageOfWhatIsMissing)
         {"h264_aac.mp4", "", "", "File not found: "},
         {"multi_stream.mkv", "A_PCM/INT/LIT", "A_QQQQQQQQQQQ", "Failed to find audio stream (Decoder not found)"},
         {"multi_stream.mkv", "V_MPEG4/ISO/", "V_QQQQQ/ISO/", "Failed to find video stream (Decoder not found)"},
+        // Opens half-way: the audio context exists but never opened.
+        {"vorbis.webm", "\x05vorbis", "\x05vorbiQ",
+         "Failed to open audio decoder. (code -1094995529: Invalid data found when processing input)"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.message);
@@ -136,6 +140,10 @@ TEST(MediaInstanceOpen, FailsWithTheMessageOfWhatIsMissing)
         LogCapture log;
         EXPECT_FALSE(instance.HasPacket());
         EXPECT_EQ(log.Messages(), QStringList(c.message + (fileGone ? copy.fileName() : QString())));
+        // Whatever was left half open, later calls are safe and show no picture.
+        instance.Seek(500000);
+        instance.Seek(0);
+        EXPECT_TRUE(DecodeAll(instance, -1, 200).video.isEmpty());
     }
 }
 

@@ -33,3 +33,5 @@ make negative_start_gop10.ts -f lavfi -i "$(paint 320x240 25 75)" -c:v libx264 -
     -output_ts_offset -0.08 -avoid_negative_ts disabled -f mpegts
 # Opus in WebM, audio only: the encoder gives the stream a start of -7 ms.
 make opus.webm -f lavfi -i "$(tone 48000 3)" -c:a libopus
+# VP8 and Vorbis in WebM, for a copy whose Vorbis set-up header is damaged.
+make vorbis.webm -f lavfi -i "$(paint 160x120 25 25)" -f lavfi -i "$(tone 44100 1)" -c:v libvpx -c:a libvorbis
