@@ -46,6 +46,7 @@ struct Player::Impl {
     // Audio records keep their stream's times; the clock counts from the
     // first picture (or, without video, from the first sound).
     int64_t audioOffset = 0;
+    int64_t budgetFrames = 32;
 
     MediaInstance instance; // the decoding thread's alone once it runs
     DecodedAudio audio;     // locks itself
@@ -118,6 +119,7 @@ bool Player::Open(const QString& path, bool isImage, int64_t imageDuration)
         // stop reverse play: the budget holds more than that.
         const int64_t frameBytes = int64_t(std::max(1, stream.width) * 3 + 3) / 4 * 4 * std::max(1, stream.height);
         d.budget = std::max(d.requestedBudget, 32 * frameBytes);
+        d.budgetFrames = d.budget / frameBytes;
         d.video.SetMaxCacheSize(d.budget, std::max(1, stream.width), std::max(1, stream.height), 3);
     }
     d.duration = isImage ? imageDuration : std::max<int64_t>(0, info->GetDuration());
@@ -526,7 +528,9 @@ void Player::Impl::DecodeChunkBefore(int64_t start, std::unique_lock<std::mutex>
 {
     instanceAtNewest = false;
     audioInStep = false;
-    for (int64_t chunk = std::max<int64_t>(kSecond, 8 * step);; chunk *= 2) {
+    // A chunk costs a decode from the key frame before it: make it as long
+    // as half the budget holds, so that long GOPs are paid for less often.
+    for (int64_t chunk = std::max<int64_t>(kSecond, budgetFrames / 2 * step);; chunk *= 2) {
         const int64_t from = std::max<int64_t>(0, start - chunk);
         lock.unlock();
         Reposition(from - (largeSeekOffset && from > 0 ? kSecond : 0));
