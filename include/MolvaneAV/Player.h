@@ -5,7 +5,8 @@
 // the decoding thread that keeps both caches filled around the play position,
 // forwards or backwards as the video cache's answers say. The host moves the
 // clock, asks for the frame to show at each display tick and fills its audio
-// device from the engine. Every member may be called from any thread.
+// device from the engine. Open and Close must not overlap other calls; every
+// other member may be called from any thread.
 
 #include <MolvaneAV/DecodedFrames.h>
 #include <MolvaneAV/Export.h>
