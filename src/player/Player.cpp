@@ -101,6 +101,8 @@ bool Player::Open(const QString& path, bool isImage, int64_t imageDuration)
     if (!MediaReader::ParseMedia(info))
         return false;
     Impl& d = *impl;
+    // A fresh instance: one that decoded another file keeps its stream indexes.
+    d.instance = MediaInstance();
     if (!d.instance.Initialize(info, 0) || !d.instance.HasPacket())
         return false;
     d.info = info;

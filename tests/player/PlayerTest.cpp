@@ -60,4 +60,16 @@ TEST(Player, ShowsThePaintedFrameOfEveryTickWhileADeviceThreadFillsAudio)
     EXPECT_GT(buffers, 0);
     EXPECT_LE(player.GetStats().peakVideoCacheBytes,
               player.GetStats().videoCacheBudget + player.GetStats().largestFrameBytes);
+
+    // Paused at 0, the budget (36 pictures) cannot reach 1.9 s: waiting for it gives up.
+    player.Seek(0);
+    ASSERT_TRUE(player.WaitFrameAt(0));
+    EXPECT_EQ(player.WaitFrameAt(1900000), nullptr);
+    // The same engine opens another file and shows its pictures.
+    ASSERT_TRUE(player.Open(MediaPath("mpeg4.mp4")));
+    EXPECT_FALSE(player.HasAudio());
+    player.Seek(1000000);
+    const auto frame = player.WaitFrameAt(1000000);
+    ASSERT_TRUE(frame);
+    EXPECT_EQ(PaintedIndex(*frame), 25);
 }

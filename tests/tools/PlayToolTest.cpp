@@ -92,6 +92,7 @@ TEST(PlayTool, EveryTickShowsThePictureThatCoversItsPlayTime)
         }
         EXPECT_EQ(run.summary["ticks"].toInt(), run.ticks.size());
         EXPECT_EQ(run.summary["late_ticks"].toInt(), 0);
+        EXPECT_GT(run.summary["decode_speed_x_realtime"].toDouble(), 0.0);
         // Never more than one picture over the budget.
         EXPECT_LE(run.summary["peak_video_cache_bytes"].toDouble(),
                   run.summary["video_cache_budget_bytes"].toDouble() + run.summary["largest_frame_bytes"].toDouble());
