@@ -59,7 +59,9 @@ public:
     void Seek(int64_t position);            // exact: the next frame shown covers position
     void StepFrames(int count);             // pauses and moves count frames from the one shown
 
-    // The frame the cache holds for time now, or null.
+    // The frame the cache holds for time now, or null. Its pixels, size and
+    // startTime stay as they are; its endTime belongs to the engine, which
+    // moves it while the frame is cached.
     std::shared_ptr<DecodedVideoFrame> FrameAt(int64_t time) const;
     // Waits until the cache holds the frame for time, or decoding cannot bring it.
     std::shared_ptr<DecodedVideoFrame> WaitFrameAt(int64_t time);

@@ -61,6 +61,7 @@ struct Player::Impl {
     int64_t mediaEnd = 0;       // end of the video known so far
     bool endReached = false;    // the last picture is in the cache
     bool startReached = false;  // nothing lies before the oldest cached picture
+    int64_t startReachedAt = 0; // its start then
     bool audioInStep = true;    // the audio cache follows forward decoding
     bool audioEnded = false;    // the input has no more packets
     bool instanceAtNewest = true;
@@ -107,6 +108,10 @@ bool Player::Open(const QString& path, bool isImage, int64_t imageDuration)
         return false;
     d.info = info;
     d.isImage = isImage;
+    d.streamStart = 0;
+    d.step = 40000;
+    d.budget = d.requestedBudget;
+    d.budgetFrames = 32;
     d.hasVideo = d.instance.GetActiveVideoStreamIndex() >= 0;
     d.hasAudio = d.instance.GetActiveAudioStreamIndex() >= 0 && !isImage;
     d.channels = d.hasAudio ? d.instance.GetOutputChannelCount() : 0;
@@ -116,13 +121,16 @@ bool Player::Open(const QString& path, bool isImage, int64_t imageDuration)
         VideoStream stream;
         info->GetVideoStream(d.instance.GetActiveVideoStreamIndex(), stream);
         d.streamStart = stream.startTime;
-        d.step = stream.frameStep > 0 ? stream.frameStep : 40000;
+        // Attached pictures (cover art) come with a rate of 90 kHz: no real step.
+        d.step = stream.frameStep >= 1000 ? stream.frameStep : 40000;
         // Fewer than 30 cached frames always ask for more ahead, which would
         // stop reverse play: the budget holds more than that.
-        const int64_t frameBytes = int64_t(std::max(1, stream.width) * 3 + 3) / 4 * 4 * std::max(1, stream.height);
+        // Pictures come out at their display width.
+        const int width = std::max(1, int(float(stream.width) * (isImage ? 1.0f : stream.pixelAspectRatio)));
+        const int64_t frameBytes = int64_t(width * 3 + 3) / 4 * 4 * std::max(1, stream.height);
         d.budget = std::max(d.requestedBudget, 32 * frameBytes);
         d.budgetFrames = d.budget / frameBytes;
-        d.video.SetMaxCacheSize(d.budget, std::max(1, stream.width), std::max(1, stream.height), 3);
+        d.video.SetMaxCacheSize(d.budget, width, std::max(1, stream.height), 3);
     }
     d.duration = isImage ? imageDuration : std::max<int64_t>(0, info->GetDuration());
     d.audioOffset = d.hasVideo ? d.streamStart : 0;
@@ -199,10 +207,17 @@ void Player::SetSpeed(double speed)
 {
     Impl& d = *impl;
     std::lock_guard<std::mutex> lock(d.mutex);
-    // Audio is only cached in forward decoding: starting to play forwards
-    // after standing or reversing finds it again with an exact seek.
-    if (speed > 0.0 && d.speed <= 0.0 && d.hasAudio && !d.audioInStep && !d.seekTo)
-        d.seekTo = d.Now();
+    // Starting to play forwards after standing or reversing: the fill finds
+    // its place by time again, in audio that only forward decoding caches;
+    // where that is gone, an exact seek brings it back.
+    if (speed > 0.0 && d.speed <= 0.0 && d.hasAudio && !d.seekTo) {
+        const int64_t now = d.Now() + d.audioOffset;
+        if (d.audioInStep && d.audio.GetFrameCount() > 0 && d.audio.GetStartTime() <= now &&
+            now <= d.audio.GetEndTime())
+            d.audio.FlushPaBuffer();
+        else
+            d.seekTo = d.Now();
+    }
     d.speed = speed;
     d.Wake();
 }
@@ -322,10 +337,17 @@ void Player::Impl::Run()
         const int64_t now = Now();
         if (hasVideo) {
             video.UpdateCache(now, mediaEnd, speed != 0.0, speed >= 0.0);
-            // Keep the audio that goes with the cached pictures, and the
-            // stretch being played.
-            audio.UpdateCache(std::min(now, video.GetStartTime()) + audioOffset - kSecond,
-                              std::max(now, video.GetEndTime()) + audioOffset + kSecond);
+            // Keep the audio from the cached pictures and the play position
+            // on: sound decoded ahead of the pictures is not decoded again.
+            audio.UpdateCache(std::min(now, video.GetStartTime()) + audioOffset - kSecond, kForever);
+            // Frames dropped at either end take the reached end with them.
+            const auto newest = video.LastFrame(), oldest = video.FirstFrame();
+            if (endReached && !isImage && (!newest || newest->endTime < mediaEnd)) {
+                endReached = false;
+                instanceAtNewest = false;
+            }
+            if (startReached && (!oldest || oldest->startTime > startReachedAt))
+                startReached = false;
             if (video.CanCacheForwards() && !endReached) {
                 DecodeForward(lock);
                 continue;
@@ -406,6 +428,9 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
         lock.lock();
         holdFirstAudio = true;
         bool first = true, landedLate = false;
+        // The latest picture too early to keep: it covers the target when
+        // the next one starts after it (a long frame).
+        std::shared_ptr<DecodedVideoFrame> before;
         for (int calls = 0; calls < kMaxCallsPerJob && !quit && seekTo == target; ++calls) {
             VideoList pictures;
             AudioList sounds;
@@ -423,12 +448,19 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
                     break;
                 }
                 first = false;
-                if (!picture->data || picture->startTime >= target - kTrailingPictures * step)
-                    AppendForward(picture);
+                if (picture->data && picture->status == 0 && picture->startTime < target - kTrailingPictures * step) {
+                    before = picture;
+                    continue;
+                }
+                if (before && video.GetFrameCount() == 0 && (!picture->data || picture->startTime > target))
+                    AppendForward(before);
+                before.reset();
+                AppendForward(picture);
             }
             progress.notify_all();
             if (landedLate || !more || (!hasVideo && audio.GetEndTime() >= target + audioOffset + kAudioAhead) ||
-                (hasVideo && (endReached || (Covers(target) && video.GetEndTime() > target + step))))
+                (hasVideo && (endReached || video.IsCacheFull() ||
+                              (Covers(target) && video.GetEndTime() > target + step))))
                 break;
         }
         if (!landedLate)
@@ -490,8 +522,9 @@ void Player::Impl::AppendForward(const std::shared_ptr<DecodedVideoFrame>& pictu
             audio.AppendFrame(std::exchange(heldAudio, nullptr));
         return;
     }
-    // Pictures before the cached range would be stretched over the gap to it.
-    if (video.GetFrameCount() > 0 && picture->startTime < video.GetStartTime())
+    // Pictures before the cached range would be stretched over the gap to
+    // it; a size-change placeholder has no picture to show.
+    if ((video.GetFrameCount() > 0 && picture->startTime < video.GetStartTime()) || picture->status != 0)
         return;
     picture->endTime = isImage ? kForever : picture->startTime + step - 1;
     video.AppendFrame(picture);
@@ -545,7 +578,7 @@ void Player::Impl::DecodeChunkBefore(int64_t start, std::unique_lock<std::mutex>
             bool past = !more;
             for (const auto& picture : out) {
                 past = past || picture->data == nullptr || picture->startTime >= start;
-                if (!past && picture->startTime + step > 0 && picture->startTime >= from - step)
+                if (!past && picture->status == 0 && picture->startTime + step > 0 && picture->startTime >= from - step)
                     pictures.append(picture);
             }
             if (past)
@@ -554,6 +587,7 @@ void Player::Impl::DecodeChunkBefore(int64_t start, std::unique_lock<std::mutex>
         if (quit || seekTo || start != video.GetStartTime())
             return;
         startReached = pictures.isEmpty();
+        startReachedAt = start;
         if (!pictures.isEmpty() || from == 0) {
             // Newest first: each lands just before the oldest cached one, as
             // long as the cache's policy makes room for it.

@@ -72,4 +72,15 @@ TEST(Player, ShowsThePaintedFrameOfEveryTickWhileADeviceThreadFillsAudio)
     const auto frame = player.WaitFrameAt(1000000);
     ASSERT_TRUE(frame);
     EXPECT_EQ(PaintedIndex(*frame), 25);
+    // From the end backwards, past what the budget keeps, then forwards again:
+    // the pictures dropped at the end are decoded again.
+    player.Seek(1990000);
+    for (const auto& [speed, ticks] : {std::pair{-1.0, 35}, {1.0, 35}}) {
+        player.SetSpeed(speed);
+        for (int tick = 0; tick < ticks; ++tick, player.Advance(40000)) {
+            const auto shown = player.WaitFrameAt(player.Position());
+            ASSERT_TRUE(shown) << "speed " << speed << " at " << player.Position();
+            ASSERT_EQ(PaintedIndex(*shown), int(player.Position() / 40000));
+        }
+    }
 }

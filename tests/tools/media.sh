@@ -5,3 +5,6 @@ make tone.mp3 -f lavfi -i "$(tone 44100 2)" -c:a libmp3lame
 # H.264 with open GOPs in MP4: the pictures shown before each key frame after
 # the first are decoded after it, from the GOP before.
 make h264_open_gop.mp4 -f lavfi -i "$(paint 320x240 25 75)" -c:v libx264 -g 25 -bf 3 -x264-params open-gop=1
+# One second of pictures and three of sound.
+make short_video.mkv -f lavfi -i "$(paint 160x120 25 25)" -f lavfi -i "$(positional 48000 stereo 144000)" \
+    -c:v libx264 -c:a pcm_s16le

@@ -147,7 +147,12 @@ int main(int argc, char** argv)
     if (file.isEmpty() && (file = BuiltInSample()).isEmpty())
         return 1;
     const bool isImage = parser.isSet("image");
-    const double speed = parser.value("speed").toDouble();
+    bool speedIsNumber = false;
+    const double speed = parser.value("speed").toDouble(&speedIsNumber);
+    if (!speedIsNumber || (speed == 0.0 && !parser.isSet("duration"))) {
+        std::fprintf(stderr, "molvane-play: --speed takes a number; 0 needs --duration\n");
+        return 2;
+    }
     const double volume = parser.value("volume").toDouble();
     const int64_t budget = parser.value("cache-mb").toLongLong() << 20;
     const QString out = parser.isSet("out") ? parser.value("out") : QFileInfo(file).completeBaseName();
