@@ -30,6 +30,15 @@ constexpr int kMaxCallsPerJob = 20000;
 // Pictures kept before the target of an exact seek, for stepping back.
 constexpr int kTrailingPictures = 3;
 
+// The first audio frame after an open or a seek can come out short (an MP3
+// decoder trims its priming samples) but keeps its packet's time: its true
+// start is where it ends just before its successor begins.
+int64_t TrueStart(const DecodedAudioFrame& first, const DecodedAudioFrame& next)
+{
+    const bool gap = first.endTime + 1 < next.startTime && first.startTime < next.startTime;
+    return gap ? next.startTime - 1 - (first.endTime - first.startTime) : first.startTime;
+}
+
 } // namespace
 
 struct Player::Impl {
@@ -142,9 +151,7 @@ bool Player::Open(const QString& path, bool isImage, int64_t imageDuration)
             d.instance.DecodePacket(sounds, none, -1);
         if (!sounds.isEmpty()) {
             const auto& first = *sounds[0];
-            d.audioOffset = sounds.size() > 1 && first.endTime + 1 < sounds[1]->startTime
-                                ? sounds[1]->startTime - (first.endTime - first.startTime) - 1
-                                : first.startTime;
+            d.audioOffset = sounds.size() > 1 ? TrueStart(first, *sounds[1]) : first.startTime;
         }
         d.instance.CloseInput();
     }
@@ -540,19 +547,15 @@ void Player::Impl::AppendAudio(const AudioList& frames)
 {
     for (const auto& frame : frames) {
         if (holdFirstAudio) {
-            // The first frame after an open or a seek can come out short (an
-            // MP3 decoder trims its priming samples) but keeps its packet's
-            // time: make it end where its successor begins.
+            // Held until its successor shows where it truly starts.
             holdFirstAudio = false;
             heldAudio = frame;
             continue;
         }
         if (heldAudio) {
-            const int64_t length = heldAudio->endTime - heldAudio->startTime;
-            if (heldAudio->endTime + 1 < frame->startTime && heldAudio->startTime < frame->startTime) {
-                heldAudio->endTime = frame->startTime - 1;
-                heldAudio->startTime = heldAudio->endTime - length;
-            }
+            const int64_t start = TrueStart(*heldAudio, *frame);
+            heldAudio->endTime += start - heldAudio->startTime;
+            heldAudio->startTime = start;
             audio.AppendFrame(std::exchange(heldAudio, nullptr));
         }
         audio.AppendFrame(frame);
