@@ -31,6 +31,9 @@ public:
         double decodeSeconds = 0.0;         // wall time spent inside the library's decoding calls
         int seeks = 0;                      // exact seeks, and the seeks made again because one landed late
         int reseeks = 0;
+        // Places where the times of the audio frames decoded forwards jump,
+        // which the device fill corrects by skipping or repeating samples.
+        int driftCorrections = 0;
     };
 
     explicit Player(int64_t videoCacheBytes = int64_t(512) << 20);

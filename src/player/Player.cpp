@@ -8,8 +8,10 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <thread>
 
 namespace molvane {
@@ -27,6 +29,11 @@ constexpr int64_t kAudioAhead = 2 * kSecond;
 // Bounds on the calls of one exact seek or one backward chunk, so that a
 // broken file ends in a missing frame, never in a hang.
 constexpr int kMaxCallsPerJob = 20000;
+// A jump in the audio frames' times that the device fill corrects (µs).
+constexpr int64_t kDriftCorrected = 10000;
+// What the decoder holds of its own (reference pictures, one per thread), in
+// pictures of the cache's size: its planes are half as large.
+constexpr int64_t kDecoderPictures = 8;
 // Pictures kept before the target of an exact seek, for stepping back.
 constexpr int kTrailingPictures = 3;
 
@@ -49,13 +56,13 @@ struct Player::Impl {
     bool isImage = false;
     bool hasVideo = false, hasAudio = false;
     const int64_t requestedBudget;
-    int64_t streamStart = 0, step = 40000, duration = 0, budget;
+    int64_t streamStart = 0, step = 40000, budget;
     int channels = 0, sampleRate = 0;
     bool largeSeekOffset = false;
     // Audio records keep their stream's times; the clock counts from the
     // first picture (or, without video, from the first sound).
     int64_t audioOffset = 0;
-    int64_t budgetFrames = 32;
+    int64_t chunkFrames = 8; // pictures a backward chunk holds before they go into the cache
 
     MediaInstance instance; // the decoding thread's alone once it runs
     DecodedAudio audio;     // locks itself
@@ -67,6 +74,9 @@ struct Player::Impl {
     bool quit = false, idle = false;
     double position = 0.0, speed = 0.0;
     std::optional<int64_t> seekTo;
+    // 0 while unknown (a stream without a duration): then the end decoding
+    // finds sets it.
+    int64_t duration = 0;
     int64_t mediaEnd = 0;       // end of the video known so far
     bool endReached = false;    // the last picture is in the cache
     bool startReached = false;  // nothing lies before the oldest cached picture
@@ -77,6 +87,7 @@ struct Player::Impl {
     std::shared_ptr<DecodedAudioFrame> heldAudio; // a first frame waiting for its successor
     bool holdFirstAudio = true;
     Stats stats;
+    std::set<int64_t> timeJumps; // where the audio frames' times jump
 
     void Run();
     void ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock);
@@ -86,8 +97,15 @@ struct Player::Impl {
     void Reposition(int64_t time);
     void AppendForward(const std::shared_ptr<DecodedVideoFrame>& frame);
     void AppendAudio(const AudioList& frames);
+    void PushAudio(std::shared_ptr<DecodedAudioFrame> frame);
     void ClearCaches();
     int64_t Now() const { return int64_t(position); }
+    int64_t LastPosition() const { return duration > 0 ? duration - 1 : kForever; }
+    void EndFound(int64_t end)
+    {
+        if (duration <= 0)
+            duration = end + 1;
+    }
     bool Covers(int64_t time) const { return video.GetFrame(time, 0) != nullptr; }
     void Wake()
     {
@@ -120,7 +138,6 @@ bool Player::Open(const QString& path, bool isImage, int64_t imageDuration)
     d.streamStart = 0;
     d.step = 40000;
     d.budget = d.requestedBudget;
-    d.budgetFrames = 32;
     d.hasVideo = d.instance.GetActiveVideoStreamIndex() >= 0;
     d.hasAudio = d.instance.GetActiveAudioStreamIndex() >= 0 && !isImage;
     d.channels = d.hasAudio ? d.instance.GetOutputChannelCount() : 0;
@@ -132,16 +149,19 @@ bool Player::Open(const QString& path, bool isImage, int64_t imageDuration)
         d.streamStart = stream.startTime;
         // Attached pictures (cover art) come with a rate of 90 kHz: no real step.
         d.step = stream.frameStep >= 1000 ? stream.frameStep : 40000;
-        // Fewer than 30 cached frames always ask for more ahead, which would
-        // stop reverse play: the budget holds more than that.
         // Pictures come out at their display width.
         const int width = std::max(1, int(float(stream.width) * (isImage ? 1.0f : stream.pixelAspectRatio)));
         const int64_t frameBytes = int64_t(width * 3 + 3) / 4 * 4 * std::max(1, stream.height);
-        d.budget = std::max(d.requestedBudget, 32 * frameBytes);
-        d.budgetFrames = d.budget / frameBytes;
+        // The budget holds the decoder's own pictures (about eight of ours),
+        // the backward chunk being decoded (a quarter of the rest) and the
+        // cache. Fewer than 30 cached frames always ask for more ahead,
+        // which would stop reverse play: the cache holds more.
+        const int64_t frames = std::max<int64_t>(d.requestedBudget / frameBytes, 51) - kDecoderPictures;
+        d.chunkFrames = std::max<int64_t>(8, frames / 4);
+        d.budget = (frames - d.chunkFrames) * frameBytes;
         d.video.SetMaxCacheSize(d.budget, width, std::max(1, stream.height), 3);
     }
-    d.duration = isImage ? imageDuration : std::max<int64_t>(0, info->GetDuration());
+    const int64_t duration = isImage ? imageDuration : std::max<int64_t>(0, info->GetDuration());
     d.audioOffset = d.hasVideo ? d.streamStart : 0;
     if (!d.hasVideo && d.hasAudio) {
         // Where the sound starts, once the first frame has its true time.
@@ -158,10 +178,12 @@ bool Player::Open(const QString& path, bool isImage, int64_t imageDuration)
     d.audio.SetMaxFrameCount(256);
     std::lock_guard<std::mutex> lock(d.mutex);
     d.quit = false;
+    d.duration = duration;
     d.position = 0.0;
     d.speed = 0.0;
-    d.mediaEnd = d.isImage ? kForever : std::max(d.duration, d.step);
+    d.mediaEnd = d.isImage || d.duration <= 0 ? kForever : std::max(d.duration, d.step);
     d.stats = Stats();
+    d.timeJumps.clear();
     d.stats.videoCacheBudget = d.budget;
     d.seekTo.reset();
     d.endReached = d.audioEnded = d.startReached = false;
@@ -193,7 +215,11 @@ void Player::Close()
 std::shared_ptr<const MediaInfo> Player::Info() const { return impl->info; }
 bool Player::HasVideo() const { return impl->hasVideo; }
 bool Player::HasAudio() const { return impl->hasAudio; }
-int64_t Player::Duration() const { return impl->duration; }
+int64_t Player::Duration() const
+{
+    std::lock_guard<std::mutex> lock(impl->mutex);
+    return impl->duration;
+}
 int64_t Player::FrameStep() const { return impl->step; }
 int Player::AudioChannels() const { return impl->channels; }
 int Player::AudioSampleRate() const { return impl->sampleRate; }
@@ -233,8 +259,7 @@ void Player::Advance(int64_t wallMicros)
 {
     Impl& d = *impl;
     std::lock_guard<std::mutex> lock(d.mutex);
-    const double end = double(std::max<int64_t>(0, d.duration - 1));
-    d.position = std::clamp(d.position + d.speed * double(wallMicros), 0.0, end);
+    d.position = std::clamp(d.position + d.speed * double(wallMicros), 0.0, double(d.LastPosition()));
     d.Wake();
 }
 
@@ -242,7 +267,7 @@ void Player::Seek(int64_t position)
 {
     Impl& d = *impl;
     std::lock_guard<std::mutex> lock(d.mutex);
-    d.position = double(std::clamp<int64_t>(position, 0, std::max<int64_t>(0, d.duration - 1)));
+    d.position = double(std::clamp<int64_t>(position, 0, d.LastPosition()));
     // Within the cache a jump only moves the clock; the fill finds its
     // place by time again.
     if (!d.seekTo && d.Covers(d.Now()) && (!d.hasAudio || d.audioInStep))
@@ -283,7 +308,7 @@ std::shared_ptr<DecodedVideoFrame> Player::WaitFrameAt(int64_t time)
     if (!d.hasVideo)
         return nullptr;
     d.Wake();
-    d.progress.wait(lock, [&] { return d.quit || (!d.seekTo && d.Covers(time)) || d.idle; });
+    d.progress.wait(lock, [&] { return d.quit || (!d.seekTo && (d.Covers(time) || d.idle)); });
     return d.seekTo ? nullptr : d.video.GetFrame(time, 0);
 }
 
@@ -294,19 +319,21 @@ void Player::WaitAudio(int64_t time)
     if (!d.hasAudio)
         return;
     d.Wake();
+    // Until a jump is done, what the cache holds belongs to the old position.
     d.progress.wait(lock, [&] {
-        return d.quit || d.idle || d.audioEnded || (!d.seekTo && d.audio.GetEndTime() >= time + d.audioOffset);
+        return d.quit || (!d.seekTo && (d.idle || d.audioEnded || d.audio.GetEndTime() >= time + d.audioOffset));
     });
 }
 
 bool Player::FillAudio(int16_t* out, int frames, double volume)
 {
     Impl& d = *impl;
-    int64_t now = 0;
+    int64_t now = 0, last = 0;
     double speed = 0.0;
     {
         std::lock_guard<std::mutex> lock(d.mutex);
         now = d.Now() + d.audioOffset;
+        last = d.LastPosition() + d.audioOffset;
         speed = d.speed;
     }
     if (!d.hasAudio || speed <= 0.0) {
@@ -315,7 +342,7 @@ bool Player::FillAudio(int16_t* out, int frames, double volume)
     }
     const int64_t span = int64_t(frames) * kSecond / d.sampleRate;
     const bool covered = d.audio.GetFrameCount() > 0 && d.audio.GetStartTime() <= now &&
-                         d.audio.GetEndTime() >= now + std::min(span, d.duration + d.audioOffset - now - 1);
+                         d.audio.GetEndTime() >= std::min(now + span, last);
     d.audio.PaFillBuffer(out, frames, d.channels, d.sampleRate, now, volume, false, speed);
     return covered;
 }
@@ -409,7 +436,7 @@ void Player::Impl::ClearCaches()
     heldAudio.reset();
     holdFirstAudio = true;
     endReached = audioEnded = startReached = false;
-    mediaEnd = isImage ? kForever : std::max(duration, step);
+    mediaEnd = isImage || duration <= 0 ? kForever : std::max(duration, step);
 }
 
 // Positions the input so that the next picture decoded is the first at or
@@ -508,8 +535,10 @@ void Player::Impl::DecodeForward(std::unique_lock<std::mutex>& lock)
     if (!more) {
         endReached = audioEnded = true;
         if (heldAudio)
-            audio.AppendFrame(std::exchange(heldAudio, nullptr));
+            PushAudio(std::exchange(heldAudio, nullptr));
         mediaEnd = video.GetFrameCount() > 0 ? video.GetEndTime() : mediaEnd;
+        if (!hasVideo && audio.GetFrameCount() > 0)
+            EndFound(audio.GetEndTime() - audioOffset);
     }
     progress.notify_all();
 }
@@ -522,11 +551,12 @@ void Player::Impl::AppendForward(const std::shared_ptr<DecodedVideoFrame>& pictu
             const int64_t end = isImage ? kForever : std::max(last->startTime + step, duration) - 1;
             video.OverrideLastFrameEndTime(end);
             mediaEnd = end;
+            EndFound(end);
         }
         endReached = true;
         audioEnded = true;
         if (heldAudio)
-            audio.AppendFrame(std::exchange(heldAudio, nullptr));
+            PushAudio(std::exchange(heldAudio, nullptr));
         return;
     }
     // Pictures before the cached range would be stretched over the gap to
@@ -556,10 +586,24 @@ void Player::Impl::AppendAudio(const AudioList& frames)
             const int64_t start = TrueStart(*heldAudio, *frame);
             heldAudio->endTime += start - heldAudio->startTime;
             heldAudio->startTime = start;
-            audio.AppendFrame(std::exchange(heldAudio, nullptr));
+            PushAudio(std::exchange(heldAudio, nullptr));
         }
-        audio.AppendFrame(frame);
+        PushAudio(frame);
     }
+}
+
+void Player::Impl::PushAudio(std::shared_ptr<DecodedAudioFrame> frame)
+{
+    const auto newest = audio.LastFrame();
+    audio.AppendFrame(frame);
+    if (!newest || audio.LastFrame() != frame || newest->sampleRate <= 0)
+        return;
+    // The device fill plays samples back to back and corrects the clock by
+    // skipping or repeating samples where the frames' times say otherwise.
+    const int64_t expected = newest->startTime + int64_t(newest->samplesPerChannel) * kSecond / newest->sampleRate;
+    // A place decoded again after a jump counts once.
+    if (std::abs(frame->startTime - expected) > kDriftCorrected && timeJumps.insert(frame->startTime).second)
+        ++stats.driftCorrections;
 }
 
 void Player::Impl::DecodeChunkBefore(int64_t start, std::unique_lock<std::mutex>& lock)
@@ -567,8 +611,9 @@ void Player::Impl::DecodeChunkBefore(int64_t start, std::unique_lock<std::mutex>
     instanceAtNewest = false;
     audioInStep = false;
     // A chunk costs a decode from the key frame before it: make it as long
-    // as half the budget holds, so that long GOPs are paid for less often.
-    for (int64_t chunk = std::max<int64_t>(kSecond, budgetFrames / 2 * step);; chunk *= 2) {
+    // as its share of the budget holds, so that long GOPs are paid for less
+    // often.
+    for (int64_t chunk = chunkFrames * step;; chunk *= 2) {
         const int64_t from = std::max<int64_t>(0, start - chunk);
         lock.unlock();
         Reposition(from - (largeSeekOffset && from > 0 ? kSecond : 0));
@@ -581,8 +626,13 @@ void Player::Impl::DecodeChunkBefore(int64_t start, std::unique_lock<std::mutex>
             bool past = !more;
             for (const auto& picture : out) {
                 past = past || picture->data == nullptr || picture->startTime >= start;
-                if (!past && picture->status == 0 && picture->startTime + step > 0 && picture->startTime >= from - step)
+                if (!past && picture->status == 0 && picture->startTime + step > 0 &&
+                    picture->startTime >= from - step) {
+                    // Only the newest pictures before start fit the chunk's share.
+                    if (pictures.size() >= chunkFrames)
+                        pictures.removeFirst();
                     pictures.append(picture);
+                }
             }
             if (past)
                 break;

@@ -61,7 +61,7 @@ TEST(Player, ShowsThePaintedFrameOfEveryTickWhileADeviceThreadFillsAudio)
     EXPECT_LE(player.GetStats().peakVideoCacheBytes,
               player.GetStats().videoCacheBudget + player.GetStats().largestFrameBytes);
 
-    // Paused at 0, the budget (36 pictures) cannot reach 1.9 s: waiting for it gives up.
+    // Paused at 0, the cache (33 pictures) cannot reach 1.9 s: waiting for it gives up.
     player.Seek(0);
     ASSERT_TRUE(player.WaitFrameAt(0));
     EXPECT_EQ(player.WaitFrameAt(1900000), nullptr);

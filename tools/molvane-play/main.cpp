@@ -34,6 +34,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <limits>
 #include <random>
 #include <set>
 #include <string>
@@ -157,6 +158,8 @@ int main(int argc, char** argv)
     const int64_t budget = parser.value("cache-mb").toLongLong() << 20;
     const QString out = parser.isSet("out") ? parser.value("out") : QFileInfo(file).completeBaseName();
 
+    // What the libraries themselves take, before a file adds its pictures.
+    const double residentBeforeOpen = PeakResidentBytes();
     molvane::Player player(budget);
     const int64_t requested = parser.isSet("duration") ? int64_t(parser.value("duration").toDouble() * kSecond)
                               : isImage                ? 5 * kSecond
@@ -169,13 +172,16 @@ int main(int argc, char** argv)
     }
 
     const int64_t end = player.Duration();
+    // A stream that does not say how long it is plays until its end is found.
+    const bool openEnded = end <= 0 && requested <= 0;
     const int64_t tick = player.HasVideo() ? player.FrameStep() : 40000; // wall time per display tick
     int64_t start = parser.isSet("start") ? int64_t(parser.value("start").toDouble() * kSecond)
                     : speed < 0           ? end - 1
                                           : 0;
     start = std::clamp<int64_t>(start, 0, std::max<int64_t>(0, end - 1));
     const int64_t span = requested > 0 ? requested : int64_t(double(speed < 0 ? start : end - start) / std::abs(speed));
-    const int64_t ticks = std::max<int64_t>(1, (span + tick - 1) / tick);
+    const int64_t ticks = openEnded && speed > 0 ? std::numeric_limits<int64_t>::max()
+                                                 : std::max<int64_t>(1, (span + tick - 1) / tick);
     const int64_t seekEvery = parser.isSet("seek-every") ? int64_t(parser.value("seek-every").toDouble() * kSecond) : 0;
     const bool realtime = parser.isSet("realtime");
 
@@ -210,7 +216,8 @@ int main(int argc, char** argv)
     QElapsedTimer wall;
     wall.start();
     std::vector<double> seekMillis; // from a jump to its frame, in the virtual clock's mode
-    for (int64_t i = 0; i < ticks; ++i) {
+    int64_t i = 0;
+    for (; i < ticks; ++i) {
         QElapsedTimer jump;
         if (seekEvery > 0 && i > 0 && i * tick % seekEvery < tick) {
             jump.start();
@@ -236,7 +243,7 @@ int main(int argc, char** argv)
         ticksOut << now << ',' << (shown ? shown->startTime : -1) << ',' << (isLate ? 1 : 0) << '\n';
         if (shown)
             shownStarts.insert(shown->startTime);
-        if (shown && sheet.size() < 16 && i >= sheet.size() * ticks / 16)
+        if (shown && sheet.size() < 16 && (openEnded ? i % 25 == 0 : i >= sheet.size() * ticks / 16))
             sheet.append({now, Thumbnail(*shown)});
 
         // The audio device takes one tick of wall time per tick.
@@ -250,8 +257,12 @@ int main(int argc, char** argv)
                 heard.insert(heard.end(), samples.begin(), samples.end());
             samplesWritten = due;
         }
+        if (openEnded && player.Duration() > 0 && now >= player.Duration() - 1) {
+            ++i;
+            break;
+        }
         player.Advance(tick);
-        if (progress && i % 25 == 0)
+        if (progress && !openEnded && i % 25 == 0)
             ShowProgress(double(i + 1) / double(ticks));
     }
     if (progress)
@@ -269,18 +280,20 @@ int main(int argc, char** argv)
     const molvane::Player::Stats stats = player.GetStats();
     const QJsonObject summary{
         {"file", QFileInfo(file).absoluteFilePath()},
-        {"ticks", double(ticks)},
+        {"ticks", double(i)},
         {"late_ticks", double(late)},
         {"frames_shown", double(shownStarts.size())},
         {"silent_audio_buffers", double(silentBuffers)},
         {"seeks", stats.seeks},
         {"seeks_made_again", stats.reseeks},
+        {"drift_corrections", stats.driftCorrections},
         {"peak_video_cache_bytes", double(stats.peakVideoCacheBytes)},
         {"video_cache_budget_bytes", double(stats.videoCacheBudget)},
         {"largest_frame_bytes", double(stats.largestFrameBytes)},
         {"seek_to_frame_ms_median", Percentile(seekMillis, 0.5)},
         {"seek_to_frame_ms_p95", Percentile(seekMillis, 0.95)},
         {"peak_resident_bytes", PeakResidentBytes()},
+        {"resident_before_open_bytes", residentBeforeOpen},
         {"decode_speed_x_realtime",
          stats.decodeSeconds > 0 ? double(stats.decodedMicros) / kSecond / stats.decodeSeconds : 0.0},
     };
