@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <QFile>
+#include <QImage>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
@@ -134,6 +135,17 @@ TEST(PlayTool, TheDeviceReceivesTheSourcesOwnSoundSampleForSample)
         EXPECT_TRUE(heard.left(common) == source.left(common));
         // Past the end of the source only silence.
         EXPECT_EQ(heard.mid(common).count('\0'), heard.size() - common);
+        if (QByteArray(file) != "tone.mp3")
+            continue;
+        // Without pictures, frames.png is the waveform: the tone leaves the
+        // first lane's zero line in every pixel column of its length.
+        const QImage waveform(dir.filePath("frames.png"));
+        ASSERT_FALSE(waveform.isNull());
+        const int zero = waveform.height() / 2 / 2; // two channels
+        const auto drawn = [&](int x, int y) { return qGreen(waveform.pixel(x, y)) > 150; };
+        for (int x = 0; x < int(int64_t(waveform.width()) * common / heard.size()); ++x) {
+            ASSERT_TRUE(drawn(x, zero - 1) || drawn(x, zero + 1)) << "column " << x;
+        }
     }
 }
 

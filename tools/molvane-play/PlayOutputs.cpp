@@ -188,9 +188,42 @@ bool WriteContactSheet(const QString& path, const QList<std::pair<int64_t, std::
     return SavePng(sheet, path, error);
 }
 
-bool WriteWaveform(const QString& path, const int16_t* interleaved, int64_t frames, int channels, QString* error)
+void Envelope::Add(const int16_t* interleaved, int frames)
 {
-    if (channels < 1 || frames < 0 || (frames > 0 && !interleaved))
+    for (int f = 0; f < frames; ++f, interleaved += channels) {
+        if (lows.empty() || inLast == perColumn) {
+            if (Columns() == 2 * kMaxColumns) {
+                // Full: every two columns become one.
+                for (int64_t column = 0; column < kMaxColumns; ++column) {
+                    for (int c = 0; c < channels; ++c) {
+                        const size_t to = size_t(column * channels + c), from = size_t(2 * column * channels + c);
+                        lows[to] = std::min(lows[from], lows[from + size_t(channels)]);
+                        highs[to] = std::max(highs[from], highs[from + size_t(channels)]);
+                    }
+                }
+                lows.resize(size_t(kMaxColumns * channels));
+                highs.resize(size_t(kMaxColumns * channels));
+                perColumn *= 2;
+            }
+            lows.insert(lows.end(), interleaved, interleaved + channels);
+            highs.insert(highs.end(), interleaved, interleaved + channels);
+            inLast = 1;
+            continue;
+        }
+        const size_t last = lows.size() - size_t(channels);
+        for (int c = 0; c < channels; ++c) {
+            lows[last + size_t(c)] = std::min(lows[last + size_t(c)], interleaved[c]);
+            highs[last + size_t(c)] = std::max(highs[last + size_t(c)], interleaved[c]);
+        }
+        ++inLast;
+    }
+}
+
+bool WriteWaveform(const QString& path, const Envelope& envelope, QString* error)
+{
+    const int channels = envelope.Channels();
+    const int64_t columns = envelope.Columns();
+    if (channels < 1)
         return Fail(error, QStringLiteral("no samples to draw"));
     constexpr int width = 1600;
     const int lane = std::clamp(800 / channels, 60, 200);
@@ -204,16 +237,15 @@ bool WriteWaveform(const QString& path, const int16_t* interleaved, int64_t fram
         painter.drawLine(0, c * lane + lane / 2, width, c * lane + lane / 2);
     }
     painter.setPen(QColor(90, 200, 120));
-    for (int x = 0; x < width && frames > 0; ++x) {
-        // Every column shows at least one sample frame, so short sounds still fill the width.
-        const int64_t begin = frames * x / width;
-        const int64_t end = std::max(begin + 1, frames * (x + 1) / width);
+    for (int x = 0; x < width && columns > 0; ++x) {
+        // Every pixel shows at least one column, so short sounds still fill the width.
+        const int64_t begin = columns * x / width;
+        const int64_t end = std::max(begin + 1, columns * (x + 1) / width);
         for (int c = 0; c < channels; ++c) {
             int low = 32767, high = -32768;
-            for (int64_t s = begin; s < end; ++s) {
-                const int value = interleaved[s * channels + c];
-                low = std::min(low, value);
-                high = std::max(high, value);
+            for (int64_t column = begin; column < end; ++column) {
+                low = std::min(low, envelope.Low(column, c));
+                high = std::max(high, envelope.High(column, c));
             }
             const int centre = c * lane + lane / 2;
             painter.drawLine(x, centre - high * half / 32768, x, centre - low * half / 32768);

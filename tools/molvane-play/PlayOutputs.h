@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <utility>
+#include <vector>
 
 // Writes int16 interleaved PCM to a WAV file through FFmpeg's wav muxer (pcm_s16le, bit-exact: the file
 // depends on the samples alone).
@@ -28,8 +29,28 @@ private:
 bool WriteContactSheet(const QString& path, const QList<std::pair<int64_t, std::shared_ptr<DecodedVideoFrame>>>& shown,
                        QString* error);
 
-// A picture of the waveform of int16 interleaved samples (one lane per channel, min/max per pixel column), PNG.
-bool WriteWaveform(const QString& path, const int16_t* interleaved, int64_t frames, int channels, QString* error);
+// The lowest and highest sample of each stretch of a sound, per channel: what
+// a waveform shows, in at most twice kMaxColumns columns however long the
+// sound (neighbouring columns merge as it grows).
+class Envelope
+{
+public:
+    static constexpr int64_t kMaxColumns = 1600;
+    explicit Envelope(int channels) : channels(channels) {}
+    void Add(const int16_t* interleaved, int frames);
+    int Channels() const { return channels; }
+    int64_t Columns() const { return int64_t(lows.size()) / channels; }
+    int Low(int64_t column, int channel) const { return lows[size_t(column * channels + channel)]; }
+    int High(int64_t column, int channel) const { return highs[size_t(column * channels + channel)]; }
+
+private:
+    int channels;
+    int64_t perColumn = 1, inLast = 0; // sample frames per column, and in the last one
+    std::vector<int16_t> lows, highs;
+};
+
+// A picture of a waveform (one lane per channel, low to high per pixel column), PNG.
+bool WriteWaveform(const QString& path, const Envelope& envelope, QString* error);
 
 // Time as "HH:MM:SS.mmm" from microseconds (negative as 00:00:00.000).
 QString FormatTime(int64_t micros);

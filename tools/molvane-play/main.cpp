@@ -205,7 +205,7 @@ int main(int argc, char** argv)
     player.SetSpeed(speed);
     std::mt19937_64 random(1);
     std::vector<int16_t> samples;
-    std::vector<int16_t> heard; // kept for the waveform of a file without video
+    Envelope heard(channels); // the waveform of a file without video
     std::set<int64_t> shownStarts;
     QList<std::pair<int64_t, std::shared_ptr<DecodedVideoFrame>>> sheet;
     std::shared_ptr<DecodedVideoFrame> shown;
@@ -254,7 +254,7 @@ int main(int argc, char** argv)
             silentBuffers += player.FillAudio(samples.data(), frames, volume) || !player.HasAudio() ? 0 : 1;
             wav.Write(samples.data(), frames);
             if (!player.HasVideo())
-                heard.insert(heard.end(), samples.begin(), samples.end());
+                heard.Add(samples.data(), frames);
             samplesWritten = due;
         }
         if (openEnded && player.Duration() > 0 && now >= player.Duration() - 1) {
@@ -272,8 +272,7 @@ int main(int argc, char** argv)
     csv.close();
     const bool pictureWritten =
         player.HasVideo() ? WriteContactSheet(out + "/frames.png", sheet, &error)
-                          : WriteWaveform(out + "/frames.png", heard.data(), int64_t(heard.size()) / channels,
-                                          channels, &error);
+                          : WriteWaveform(out + "/frames.png", heard, &error);
     if (!pictureWritten)
         std::fprintf(stderr, "molvane-play: %s\n", qPrintable(error));
 
