@@ -468,10 +468,12 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
         for (int calls = 0; calls < kMaxCallsPerJob && !quit && seekTo == target; ++calls) {
             VideoList pictures;
             AudioList sounds;
-            // The library's trailing-frame filter would end a drain at the
-            // first picture it drops and lose the last pictures of the file:
-            // decode everything and keep only the last few before the target.
-            const bool more = DecodeCall(pictures, sounds, -1, lock);
+            // The library leaves the pictures far before the target
+            // unconverted. Not too far: the filter ends a drain at the first
+            // picture it drops, and the pictures a decoder holds back for the
+            // drain must all come out.
+            const int64_t unconverted = target - early - std::max(kSecond * 2, 24 * step);
+            const bool more = DecodeCall(pictures, sounds, std::max<int64_t>(-1, unconverted), lock);
             if (!landedLate)
                 AppendAudio(sounds);
             for (const auto& picture : pictures) {
@@ -622,7 +624,8 @@ void Player::Impl::DecodeChunkBefore(int64_t start, std::unique_lock<std::mutex>
         for (int calls = 0; calls < kMaxCallsPerJob && !quit && !seekTo; ++calls) {
             VideoList out;
             AudioList ignored; // reverse play is silent
-            const bool more = DecodeCall(out, ignored, -1, lock);
+            // The library leaves the pictures before the chunk unconverted.
+            const bool more = DecodeCall(out, ignored, from, lock);
             bool past = !more;
             for (const auto& picture : out) {
                 past = past || picture->data == nullptr || picture->startTime >= start;
