@@ -147,6 +147,9 @@ TEST(PlayTool, TheDeviceReceivesTheSourcesOwnSoundSampleForSample)
             ASSERT_TRUE(drawn(x, zero - 1) || drawn(x, zero + 1)) << "column " << x;
         }
     }
+    // A jump into the last audio frame: it is heard to the source's end.
+    ASSERT_EQ(Play(dir.path(), {MediaPath("s16_stereo.wav"), "--start", "1.494"}).exitCode, 0);
+    EXPECT_TRUE(Pcm(dir.filePath("audio.wav")).contains(Pcm(MediaPath("s16_stereo.wav")).right(100 * 4)));
 }
 
 TEST(PlayTool, AFileThatCannotBePlayedEndsWithTheLibrarysMessage)
