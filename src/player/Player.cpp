@@ -326,6 +326,31 @@ Player::Stats Player::GetStats() const
     return impl->stats;
 }
 
+Player::CacheFill Player::GetCacheFill() const
+{
+    const Impl& d = *impl;
+    std::lock_guard<std::mutex> lock(d.mutex);
+    CacheFill fill;
+    fill.bytes = d.video.GetSize();
+    const int count = d.video.GetFrameCount();
+    if (count == 0)
+        return fill;
+    const int64_t now = d.Now();
+    if (!d.Covers(now)) {
+        (d.video.GetStartTime() > now ? fill.framesAhead : fill.framesBehind) = count;
+        return fill;
+    }
+    // The largest offset that still finds a frame, by bisection.
+    int low = 0, high = count;
+    while (low + 1 < high) {
+        const int middle = (low + high) / 2;
+        (d.video.GetFrame(now, middle) ? low : high) = middle;
+    }
+    fill.framesAhead = low;
+    fill.framesBehind = count - 1 - low;
+    return fill;
+}
+
 // ---------------------------------------------------------------------------
 // The decoding thread
 

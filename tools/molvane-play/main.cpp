@@ -3,6 +3,8 @@
 //
 //   molvane-play [FILE] [--out DIR] [--start S] [--duration D] [--speed X]
 //                [--volume V] [--cache-mb N] [--seek-every S] [--realtime] [--image]
+//   molvane-play --window FILE [--start S] [--speed X] [--volume V] [--cache-mb N]
+//                [--image] [--no-sound] [--duration D] [--out DIR]
 //
 // Without FILE it plays a sample it writes on first use. Into --out (default:
 // a folder named after the file) go audio.wav (what the audio device
@@ -12,6 +14,7 @@
 // played; the library's message is on stderr.
 
 #include "PlayOutputs.h"
+#include "WindowMode.h"
 
 #include <MolvaneAV/Player.h>
 
@@ -119,7 +122,8 @@ extern "C" __attribute__((visibility("default"))) const char* __lsan_default_sup
 
 int main(int argc, char** argv)
 {
-    if (qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") &&
+    const bool window = std::any_of(argv + 1, argv + argc, [](const char* arg) { return qstrcmp(arg, "--window") == 0; });
+    if (!window && qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") &&
         qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", "offscreen"); // text on the contact sheet needs fonts, not a screen
     if (qEnvironmentVariableIsEmpty("XDG_RUNTIME_DIR")) {
@@ -128,6 +132,8 @@ int main(int argc, char** argv)
         mkdir(runtime.constData(), 0700);
         qputenv("XDG_RUNTIME_DIR", runtime);
     }
+    if (window)
+        return RunWindow(argc, argv);
     QGuiApplication app(argc, argv);
     QCommandLineParser parser;
     parser.addPositionalArgument("file", "Media file; without it, a built-in sample.");
