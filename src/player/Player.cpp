@@ -304,14 +304,18 @@ bool Player::FillAudio(int16_t* out, int frames, double volume)
     Impl& d = *impl;
     int64_t now = 0;
     double speed = 0.0;
+    bool heldAtEnd = false;
     {
         std::lock_guard<std::mutex> lock(d.mutex);
         now = d.Now() + d.audioOffset;
         speed = d.speed;
+        // The buffers before reached the end: a fill by time would play the
+        // last frame's tail again.
+        heldAtEnd = d.position >= double(std::max<int64_t>(0, d.duration - 1));
     }
-    if (!d.hasAudio || speed <= 0.0) {
+    if (!d.hasAudio || speed <= 0.0 || heldAtEnd) {
         std::fill(out, out + int64_t(frames) * std::max(1, d.channels), int16_t(0));
-        return false;
+        return d.hasAudio && speed > 0.0; // past the end silence is all there is
     }
     const int64_t span = int64_t(frames) * kSecond / d.sampleRate;
     const bool covered = d.audio.GetFrameCount() > 0 && d.audio.GetStartTime() <= now &&

@@ -109,6 +109,21 @@ bool AudioDevice::Open(QString* error)
     return true;
 }
 
+void AudioDevice::PlayOut()
+{
+    if (!stream)
+        return;
+    double end = 0.0;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        end = last.endTime;
+    }
+    // Bounded: a device that stopped playing does not hold the program.
+    const double limit = Pa_GetStreamTime(stream) + 2.0;
+    while (Pa_IsStreamActive(stream) == 1 && Pa_GetStreamTime(stream) < std::min(end, limit))
+        Pa_Sleep(5);
+}
+
 void AudioDevice::Close()
 {
     if (stream) {
@@ -176,7 +191,7 @@ void AudioDevice::Fill(int16_t* out, int frames, double dacTime)
     player.Advance(micros - microsAdvanced);
     microsAdvanced = micros;
     std::lock_guard<std::mutex> lock(mutex);
-    last = Last{true, at, position, speed, dacTime};
+    last = Last{true, at, position, speed, dacTime, dacTime + double(frames) / rate};
     if (recording) {
         samples.insert(samples.end(), out, out + int64_t(frames) * channels);
         buffers.push_back(Buffer{int64_t(dacTime * kMicros), before, position, frames});

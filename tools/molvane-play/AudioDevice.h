@@ -38,7 +38,9 @@ public:
     // Keeps the device library quiet on stderr: its probing of absent
     // hosts is not news to the user.
     bool Open(QString* error);
-    // Lets the queued sound play out, then closes.
+    // Waits until the device has played what it was given so far (the end
+    // of a file should be heard before the device goes).
+    void PlayOut();
     void Close();
     bool IsOpen() const { return stream != nullptr; }
 
@@ -84,6 +86,7 @@ private:
         int64_t position = 0;
         double speed = 0.0;
         double dacTime = 0.0;
+        double endTime = 0.0; // when its last sample frame has been heard
     } last;
     std::vector<int16_t> samples;
     std::vector<Buffer> buffers;

@@ -125,13 +125,16 @@ int RunWindow(int argc, char** argv)
     QString ticksCsv = "device_time_us,play_time_us,frame_start_us,late\n";
     std::set<int64_t> shownStarts;
     const bool quitAtEnd = parser.isSet("quit-at-end");
+    bool reachedEnd = false;
     window.SetTickHook([&](const PlayerWindow::Tick& tick) {
         if (tick.frameStart >= 0)
             shownStarts.insert(tick.frameStart);
         const double playing = player.Speed();
         const int64_t position = player.Position();
-        if (quitAtEnd && ((playing > 0.0 && position >= end - 1) || (playing < 0.0 && position <= 0)))
+        if (quitAtEnd && ((playing > 0.0 && position >= end - 1) || (playing < 0.0 && position <= 0))) {
+            reachedEnd = true;
             window.close();
+        }
         if (out.isEmpty())
             return;
         const int64_t now = device.IsOpen() ? device.Now() : wall.nsecsElapsed() / 1000;
@@ -148,7 +151,9 @@ int RunWindow(int argc, char** argv)
         QTimer::singleShot(int(parser.value("duration").toDouble() * 1000), &window, &QWidget::close);
     const int status = app.exec();
     const QImage lastPicture = window.View()->grab().toImage();
-    device.Close(); // plays out what is queued
+    if (reachedEnd)
+        device.PlayOut();
+    device.Close();
     if (out.isEmpty())
         return status;
 
