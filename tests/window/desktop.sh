@@ -25,7 +25,8 @@ cleanup() {
 trap cleanup EXIT
 
 # -displayfd: the server takes a free display number and writes it when ready.
-Xvfb -displayfd 3 -nolisten tcp -screen 0 1280x1024x24 3>"$dir/display" 2>"$dir/xvfb.log" &
+# -noreset: the last client leaving must not restart the server under the next.
+Xvfb -displayfd 3 -noreset -nolisten tcp -screen 0 1280x1024x24 3>"$dir/display" 2>"$dir/xvfb.log" &
 pids+=($!)
 for _ in $(seq 600); do
   grep -q '^[0-9]' "$dir/display" 2>/dev/null && break
