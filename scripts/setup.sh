@@ -10,6 +10,8 @@ packages=(
   libgtest-dev libbenchmark-dev
   clang-14 libclang-rt-14-dev
   ffmpeg
+  portaudio19-dev
+  xvfb xauth pulseaudio pulseaudio-utils libasound2-plugins
 )
 
 missing=()

@@ -78,6 +78,14 @@ public:
 
     Stats GetStats() const;
 
+    // The video cache around the play position, for a status display.
+    struct CacheFill {
+        int64_t bytes = 0;
+        int framesAhead = 0;   // after the frame covering the position
+        int framesBehind = 0;  // before it
+    };
+    CacheFill GetCacheFill() const;
+
 private:
     struct Impl;
     std::unique_ptr<Impl> impl;

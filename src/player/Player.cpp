@@ -330,15 +330,19 @@ bool Player::FillAudio(int16_t* out, int frames, double volume)
     Impl& d = *impl;
     int64_t now = 0, last = 0;
     double speed = 0.0;
+    bool heldAtEnd = false;
     {
         std::lock_guard<std::mutex> lock(d.mutex);
         now = d.Now() + d.audioOffset;
         last = d.LastPosition() + d.audioOffset;
         speed = d.speed;
+        // The buffers before reached the end: a fill by time would play the
+        // last frame's tail again.
+        heldAtEnd = d.position >= double(std::max<int64_t>(0, d.duration - 1));
     }
-    if (!d.hasAudio || speed <= 0.0) {
+    if (!d.hasAudio || speed <= 0.0 || heldAtEnd) {
         std::fill(out, out + int64_t(frames) * std::max(1, d.channels), int16_t(0));
-        return false;
+        return d.hasAudio && speed > 0.0; // past the end silence is all there is
     }
     const int64_t span = int64_t(frames) * kSecond / d.sampleRate;
     const bool covered = d.audio.GetFrameCount() > 0 && d.audio.GetStartTime() <= now &&
@@ -351,6 +355,31 @@ Player::Stats Player::GetStats() const
 {
     std::lock_guard<std::mutex> lock(impl->mutex);
     return impl->stats;
+}
+
+Player::CacheFill Player::GetCacheFill() const
+{
+    const Impl& d = *impl;
+    std::lock_guard<std::mutex> lock(d.mutex);
+    CacheFill fill;
+    fill.bytes = d.video.GetSize();
+    const int count = d.video.GetFrameCount();
+    if (count == 0)
+        return fill;
+    const int64_t now = d.Now();
+    if (!d.Covers(now)) {
+        (d.video.GetStartTime() > now ? fill.framesAhead : fill.framesBehind) = count;
+        return fill;
+    }
+    // The largest offset that still finds a frame, by bisection.
+    int low = 0, high = count;
+    while (low + 1 < high) {
+        const int middle = (low + high) / 2;
+        (d.video.GetFrame(now, middle) ? low : high) = middle;
+    }
+    fill.framesAhead = low;
+    fill.framesBehind = count - 1 - low;
+    return fill;
 }
 
 // ---------------------------------------------------------------------------

@@ -84,3 +84,40 @@ TEST(Player, ShowsThePaintedFrameOfEveryTickWhileADeviceThreadFillsAudio)
         }
     }
 }
+
+TEST(Player, SoundEndsInSilenceWhileTheClockIsHeldAtTheEnd)
+{
+    // Positional PCM: each sample frame says which source frame it is.
+    for (const char* file : {"s16_stereo.wav", "multi_stream.mkv"}) {
+        SCOPED_TRACE(file);
+        molvane::Player player;
+        ASSERT_TRUE(player.Open(MediaPath(file)));
+        const int rate = player.AudioSampleRate(), channels = player.AudioChannels();
+        const int64_t lastFrame = player.Duration() * rate / 1000000 - 1;
+        player.SetSpeed(1.0);
+        std::vector<int16_t> buffer(size_t(480 * channels));
+        int64_t previous = -1, silentAfterEnd = 0;
+        // Buffers of 10 ms to well past the end, as a device keeps asking.
+        for (int i = 0; i < int(player.Duration() / 10000) + 20; ++i) {
+            player.WaitAudio(player.Position() + 20000);
+            const bool filled = player.FillAudio(buffer.data(), 480, 1.0);
+            // Held at the end, silence is all there is to play: not a gap.
+            if (player.Position() == player.Duration() - 1) {
+                EXPECT_TRUE(filled) << "buffer " << i;
+            }
+            for (int f = 0; f < 480; ++f) {
+                const int16_t* sample = buffer.data() + f * channels;
+                if (previous == lastFrame) {
+                    silentAfterEnd += sample[0] == 0 && sample[1] == 0 ? 1 : 0;
+                    continue;
+                }
+                const int64_t position = SamplePosition(sample, channels);
+                ASSERT_EQ(position, previous + 1) << "buffer " << i;
+                previous = position;
+            }
+            player.Advance(10000);
+        }
+        EXPECT_EQ(previous, lastFrame);
+        EXPECT_GE(silentAfterEnd, 20 * 480);
+    }
+}

@@ -3,6 +3,8 @@
 //
 //   molvane-play [FILE] [--out DIR] [--start S] [--duration D] [--speed X]
 //                [--volume V] [--cache-mb N] [--seek-every S] [--realtime] [--image]
+//   molvane-play --window FILE [--start S] [--speed X] [--volume V] [--cache-mb N]
+//                [--image] [--no-sound] [--duration D] [--out DIR]
 //
 // Without FILE it plays a sample it writes on first use. Into --out (default:
 // a folder named after the file) go audio.wav (what the audio device
@@ -12,6 +14,7 @@
 // played; the library's message is on stderr.
 
 #include "PlayOutputs.h"
+#include "WindowMode.h"
 
 #include <MolvaneAV/Player.h>
 
@@ -111,16 +114,23 @@ void ShowProgress(double done)
 
 } // namespace
 
-// Qt's offscreen platform keeps its screen objects to the end of the process;
-// those are Qt's, not leaks of ours, and would fail every sanitized run.
+// Qt's offscreen platform keeps its screen objects to the end of the process,
+// and libdbus (which Qt's desktop integration loads) a buffer; those are
+// theirs, not leaks of ours, and would fail every sanitized run.
 extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions()
 {
-    return "leak:libqoffscreen.so\nleak:QScreen::QScreen\nleak:QPlatformScreen::QPlatformScreen\n";
+    return "leak:libqoffscreen.so\nleak:QScreen::QScreen\nleak:QPlatformScreen::QPlatformScreen\nleak:libdbus-1.so\n";
+}
+// Their list on stderr would bury the program's own one-line messages.
+extern "C" __attribute__((visibility("default"))) const char* __lsan_default_options()
+{
+    return "print_suppressions=0";
 }
 
 int main(int argc, char** argv)
 {
-    if (qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") &&
+    const bool window = std::any_of(argv + 1, argv + argc, [](const char* arg) { return qstrcmp(arg, "--window") == 0; });
+    if (!window && qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") &&
         qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", "offscreen"); // text on the contact sheet needs fonts, not a screen
     if (qEnvironmentVariableIsEmpty("XDG_RUNTIME_DIR")) {
@@ -129,6 +139,8 @@ int main(int argc, char** argv)
         mkdir(runtime.constData(), 0700);
         qputenv("XDG_RUNTIME_DIR", runtime);
     }
+    if (window)
+        return RunWindow(argc, argv);
     QGuiApplication app(argc, argv);
     QCommandLineParser parser;
     parser.addPositionalArgument("file", "Media file; without it, a built-in sample.");
