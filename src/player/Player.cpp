@@ -338,7 +338,7 @@ bool Player::FillAudio(int16_t* out, int frames, double volume)
         speed = d.speed;
         // The buffers before reached the end: a fill by time would play the
         // last frame's tail again.
-        heldAtEnd = d.position >= double(std::max<int64_t>(0, d.duration - 1));
+        heldAtEnd = d.Now() >= d.LastPosition();
     }
     if (!d.hasAudio || speed <= 0.0 || heldAtEnd) {
         std::fill(out, out + int64_t(frames) * std::max(1, d.channels), int16_t(0));
