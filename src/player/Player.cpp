@@ -330,7 +330,7 @@ bool Player::FillAudio(int16_t* out, int frames, double volume)
     Impl& d = *impl;
     int64_t now = 0, last = 0;
     double speed = 0.0;
-    bool heldAtEnd = false;
+    bool heldAtEnd = false, soundEnded = false;
     {
         std::lock_guard<std::mutex> lock(d.mutex);
         now = d.Now() + d.audioOffset;
@@ -339,14 +339,16 @@ bool Player::FillAudio(int16_t* out, int frames, double volume)
         // The buffers before reached the end: a fill by time would play the
         // last frame's tail again.
         heldAtEnd = d.Now() >= d.LastPosition();
+        soundEnded = d.audioEnded;
     }
     if (!d.hasAudio || speed <= 0.0 || heldAtEnd) {
         std::fill(out, out + int64_t(frames) * std::max(1, d.channels), int16_t(0));
         return d.hasAudio && speed > 0.0; // past the end silence is all there is
     }
     const int64_t span = int64_t(frames) * kSecond / d.sampleRate;
+    // Past the end of the sound silence is all there is, not a gap.
     const bool covered = d.audio.GetFrameCount() > 0 && d.audio.GetStartTime() <= now &&
-                         d.audio.GetEndTime() >= std::min(now + span, last);
+                         (d.audio.GetEndTime() >= std::min(now + span, last) || soundEnded);
     d.audio.PaFillBuffer(out, frames, d.channels, d.sampleRate, now, volume, false, speed);
     return covered;
 }

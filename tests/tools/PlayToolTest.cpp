@@ -127,6 +127,7 @@ TEST(PlayTool, TheDeviceReceivesTheSourcesOwnSoundSampleForSample)
         const Outputs run = Play(dir.path(), {MediaPath(file)});
         ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
         EXPECT_EQ(run.summary["drift_corrections"].toInt(), driftCorrections);
+        EXPECT_EQ(run.summary["silent_audio_buffers"].toInt(), 0);
         if (driftCorrections > 0)
             continue;
         const QByteArray heard = Pcm(dir.filePath("audio.wav")), source = Pcm(MediaPath(file));
