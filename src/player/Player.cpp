@@ -84,6 +84,7 @@ struct Player::Impl {
     bool audioInStep = true;    // the audio cache follows forward decoding
     bool audioEnded = false;    // the input has no more packets
     bool instanceAtNewest = true;
+    VideoList drained; // pictures of the final drain waiting for room in the cache
     std::shared_ptr<DecodedAudioFrame> heldAudio; // a first frame waiting for its successor
     bool holdFirstAudio = true;
     Stats stats;
@@ -208,6 +209,7 @@ void Player::Close()
     d.video.ForceClear();
     d.audio.ForceClear();
     d.heldAudio.reset();
+    d.drained.clear();
     d.info.reset();
     d.hasVideo = d.hasAudio = false;
 }
@@ -461,6 +463,7 @@ bool Player::Impl::DecodeCall(VideoList& videoFrames, AudioList& audioFrames, in
 
 void Player::Impl::ClearCaches()
 {
+    drained.clear();
     video.Clear();
     audio.Clear();
     audio.FlushPaBuffer();
@@ -545,23 +548,31 @@ void Player::Impl::DecodeForward(std::unique_lock<std::mutex>& lock)
 {
     if (!instanceAtNewest) {
         // A backward chunk moved the input: go back to the newest picture.
+        drained.clear();
         const int64_t newest = video.LastFrame() ? video.LastFrame()->startTime : Now();
         lock.unlock();
         Reposition(newest - (largeSeekOffset ? kSecond : 0));
         lock.lock();
         instanceAtNewest = true;
     }
-    VideoList pictures;
-    AudioList sounds;
-    const bool more = DecodeCall(pictures, sounds, -1, lock);
-    AppendAudio(sounds);
+    VideoList pictures = std::exchange(drained, VideoList());
+    bool more = true;
+    if (pictures.isEmpty()) {
+        AudioList sounds;
+        more = DecodeCall(pictures, sounds, -1, lock);
+        AppendAudio(sounds);
+    }
     for (int i = 0; i < pictures.size(); ++i) {
         // The drain at the end gives every picture held back at once: take
-        // what the budget allows and decode the rest again when there is room.
+        // what the cache's policy makes room for and keep the rest until
+        // there is room; the decoder holds none of its own any more.
         if (i > 0 && pictures[i]->data && video.IsCacheFull()) {
-            instanceAtNewest = false;
-            progress.notify_all();
-            return;
+            video.UpdateCache(Now(), mediaEnd, speed != 0.0, speed >= 0.0);
+            if (!video.CanCacheForwards()) {
+                drained = pictures.mid(i);
+                progress.notify_all();
+                return;
+            }
         }
         AppendForward(pictures[i]);
     }
@@ -642,6 +653,7 @@ void Player::Impl::PushAudio(std::shared_ptr<DecodedAudioFrame> frame)
 void Player::Impl::DecodeChunkBefore(int64_t start, std::unique_lock<std::mutex>& lock)
 {
     instanceAtNewest = false;
+    drained.clear();
     audioInStep = false;
     // A chunk costs a decode from the key frame before it: make it as long
     // as its share of the budget holds, so that long GOPs are paid for less

@@ -83,6 +83,18 @@ TEST(Player, ShowsThePaintedFrameOfEveryTickWhileADeviceThreadFillsAudio)
             ASSERT_EQ(PaintedIndex(*shown), int(player.Position() / 40000));
         }
     }
+    // Tick by tick with the decoding thread at rest after each (waiting for
+    // a frame out of reach returns then): the full cache recycles one picture
+    // a tick, and the pictures of the final drain come in as room appears.
+    ASSERT_TRUE(player.Open(MediaPath("h264_aac.mp4")));
+    player.Seek(700000);
+    player.SetSpeed(1.0);
+    for (int64_t now = 700000; now < 2000000; now += 40000, player.Advance(40000)) {
+        EXPECT_EQ(player.WaitFrameAt(now + 2000000), nullptr);
+        const auto shown = player.FrameAt(now);
+        ASSERT_TRUE(shown) << "at " << now;
+        ASSERT_EQ(PaintedIndex(*shown), int(now / 40000));
+    }
 }
 
 TEST(Player, SoundEndsInSilenceWhileTheClockIsHeldAtTheEnd)

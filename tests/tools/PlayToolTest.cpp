@@ -70,6 +70,8 @@ TEST(PlayTool, EveryTickShowsThePictureThatCoversItsPlayTime)
     } cases[] = {
         {"h264_aac.mp4", {}, 1960000, 50},
         {"h264_aac.mp4", {"--speed", "2"}, 1960000, 25},
+        // The pictures of the final drain wait for room in a full cache.
+        {"h264_aac.mp4", {"--start", "0.7", "--cache-mb", "1"}, 1960000, 32},
         {"h264_aac.mp4", {"--speed", "-1"}, 1960000, 49},
         {"h264_aac.mp4", {"--start", "1.9"}, 1960000, 2},
         // Closed GOPs in MP4: every jump lands before its target the first time.
