@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Set-up, then the whole test suite through ctest: once in a normal build,
 # once in an AddressSanitizer + UndefinedBehaviorSanitizer build (clang);
-# then the tests labelled `threads` in a ThreadSanitizer build (clang).
+# then a minute of each fuzz target; then the tests labelled `threads` in a
+# ThreadSanitizer build (clang).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 jobs=$(nproc)
@@ -15,6 +16,10 @@ CC=clang-14 CXX=clang++-14 "$root/scripts/build.sh" "$root/build-asan" \
   -DCMAKE_BUILD_TYPE=Debug -DMOLVANEAV_SANITIZE=ON -DMOLVANEAV_BUILD_BENCH=OFF
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --test-dir "$root/build-asan" --output-on-failure -j"$jobs" -LE package
+
+# Each fuzz target for a minute (clang, ASan + UBSan), seeded from the test media.
+MEDIA="$root/build/test-media" "$root/scripts/fuzz.sh" decode_media_fuzz 60
+MEDIA="$root/build/test-media" "$root/scripts/fuzz.sh" cache_calls_fuzz 60
 
 # Only the programs of the `threads` label are built here.
 CC=clang-14 CXX=clang++-14 cmake -G Ninja -S "$root" -B "$root/build-tsan" \

@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
+#include <limits>
 
 using List = TimeOrderedFrameList<DecodedAudioFrame>;
 
@@ -21,6 +23,31 @@ int16_t Scaled(int16_t value, double volume)
 {
     const double scaled = std::clamp(static_cast<double>(value) * volume, -32768.0, 32767.0);
     return static_cast<int16_t>(std::trunc(scaled));
+}
+
+// rate × microseconds / 1,000,000 sample frames, the product in int64. A
+// span of years (a broken timestamp) saturates instead of overflowing.
+int64_t SampleFrames(int64_t rate, int64_t microseconds)
+{
+    int64_t product = 0;
+    if (!__builtin_mul_overflow(rate, microseconds, &product))
+        return product / 1000000;
+    return ((rate < 0) != (microseconds < 0) ? std::numeric_limits<int64_t>::min()
+                                              : std::numeric_limits<int64_t>::max()) / 1000000;
+}
+
+int32_t ClampToInt32(int64_t value)
+{
+    return static_cast<int32_t>(std::clamp<int64_t>(value, std::numeric_limits<int32_t>::min(),
+                                                    std::numeric_limits<int32_t>::max()));
+}
+
+// A frame's sample frames padded or cut by a gap to its neighbour; at most
+// what keeps the values of all its channels countable in an int32.
+int32_t StitchedCount(int32_t count, int32_t rate, int64_t gap, int32_t channels)
+{
+    const int64_t limit = std::numeric_limits<int32_t>::max() / std::max(channels, 1);
+    return static_cast<int32_t>(std::clamp<int64_t>(count + SampleFrames(rate, gap), -limit, limit));
 }
 
 } // namespace
@@ -73,9 +100,9 @@ void DecodedAudio::PushBack(std::shared_ptr<DecodedAudioFrame> frame)
             const int64_t gap = frame->startTime - last.endTime - 1;
             const int32_t channels = last.sampleCount / last.samplesPerChannel;
             const int32_t before = last.sampleCount;
-            last.samplesPerChannel += static_cast<int32_t>(static_cast<int64_t>(last.sampleRate) * gap / 1000000);
+            last.samplesPerChannel = StitchedCount(last.samplesPerChannel, last.sampleRate, gap, channels);
             last.sampleCount = last.samplesPerChannel * channels;
-            totalSize += last.sampleCount - before;
+            totalSize += static_cast<int64_t>(last.sampleCount) - before;
         }
         last.endTime = frame->startTime - 1;
         lastIndex = SlotAfter(lastIndex);
@@ -93,8 +120,7 @@ void DecodedAudio::PushFront(std::shared_ptr<DecodedAudioFrame> frame)
         if (frame->continuityTag != first.continuityTag && frame->samplesPerChannel > 0) {
             const int64_t gap = startTime - frame->endTime - 1;
             const int32_t channels = frame->sampleCount / frame->samplesPerChannel;
-            frame->samplesPerChannel +=
-                static_cast<int32_t>(static_cast<int64_t>(frame->sampleRate) * gap / 1000000);
+            frame->samplesPerChannel = StitchedCount(frame->samplesPerChannel, frame->sampleRate, gap, channels);
             frame->sampleCount = frame->samplesPerChannel * channels;
         }
         frame->endTime = startTime - 1;
@@ -275,8 +301,8 @@ bool DecodedAudio::FetchFrame(long long playTime, int sampleRate)
             return false;
         paSamples = frame->samples;
         paFrameStart = frame->startTime;
-        paRemainingFrames = frame->samplesPerChannel -
-                            static_cast<int32_t>(static_cast<int64_t>(sampleRate) * (playTime - frame->startTime) / 1000000);
+        paRemainingFrames =
+            ClampToInt32(frame->samplesPerChannel - SampleFrames(sampleRate, playTime - frame->startTime));
         return true;
     }
 
@@ -381,12 +407,17 @@ int DecodedAudio::PaFillBuffer(short* buffer, int frameCount, int channelCount, 
 void DecodedAudio::PaSyncAudio(short* buffer, int frameCount, long long sampleTime, int channelCount,
                                int sampleRate, int& framesWritten)
 {
-    const int64_t diff = sampleTime - paFrameStart;
+    // Saturated throughout: a frame whose broken timestamp lies centuries
+    // away must not overflow the measurement.
+    int64_t diff = 0;
+    if (__builtin_sub_overflow(static_cast<int64_t>(sampleTime), paFrameStart, &diff))
+        diff = paFrameStart < 0 ? std::numeric_limits<int64_t>::max() : std::numeric_limits<int64_t>::min();
     if (diff >= -kDriftTolerance && diff <= kDriftTolerance) {
         PaResetDiffCounter();
         return;
     }
-    paDiffSum += diff;
+    if (__builtin_add_overflow(paDiffSum, diff, &paDiffSum))
+        paDiffSum = diff > 0 ? std::numeric_limits<int64_t>::max() : std::numeric_limits<int64_t>::min();
     if (++paDiffCounter < kDriftMeasurements)
         return;
     const int64_t average = paDiffSum / kDriftMeasurements;
@@ -394,11 +425,14 @@ void DecodedAudio::PaSyncAudio(short* buffer, int frameCount, long long sampleTi
     if (average >= -kDriftCorrectionThreshold && average <= kDriftCorrectionThreshold)
         return;
 
-    const auto frames =
-        static_cast<int32_t>(static_cast<double>(static_cast<int64_t>(sampleRate) * average) / 1000000.0);
+    int64_t product = 0;
+    const double scaled = __builtin_mul_overflow(static_cast<int64_t>(sampleRate), average, &product)
+        ? (average < 0 ? -1e300 : 1e300)
+        : static_cast<double>(product);
+    const auto frames = static_cast<int32_t>(std::clamp(scaled / 1000000.0, -2147483647.0, 2147483647.0));
     if (frames >= 0) {
         // Audio behind the play position: skip ahead within this frame.
-        paRemainingFrames -= frames;
+        paRemainingFrames = ClampToInt32(static_cast<int64_t>(paRemainingFrames) - frames);
         return;
     }
     // Audio ahead: hold it back by repeating its first sample frame.

@@ -340,6 +340,10 @@ void MediaInstance::ReleasePacket()
 void MediaInstance::ReadNextPacket()
 {
     ReleasePacket();
+    // A copy sharing the packet may have read into it since this instance
+    // last did; the read below overwrites it, so release that first.
+    if (packet != nullptr)
+        av_packet_unref(packet);
     const bool ok = MediaReader::GetPacket(formatContext, packet);
     hasPacket = true;
     endOfFile = !ok;
