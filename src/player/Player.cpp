@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <climits>
 #include <condition_variable>
 #include <cstdlib>
 #include <mutex>
@@ -150,9 +151,11 @@ bool Player::Open(const QString& path, bool isImage, int64_t imageDuration)
         d.streamStart = stream.startTime;
         // Attached pictures (cover art) come with a rate of 90 kHz: no real step.
         d.step = stream.frameStep >= 1000 ? stream.frameStep : 40000;
-        // Pictures come out at their display width.
-        const int width = std::max(1, int(float(stream.width) * (isImage ? 1.0f : stream.pixelAspectRatio)));
-        const int64_t frameBytes = int64_t(width * 3 + 3) / 4 * 4 * std::max(1, stream.height);
+        // Pictures come out at their display width, which a broken aspect
+        // ratio must not carry beyond what rows of int can hold.
+        const float scaled = float(stream.width) * (isImage ? 1.0f : stream.pixelAspectRatio);
+        const int width = scaled >= 1.0f && scaled < float(INT32_MAX / 4) ? int(scaled) : 1;
+        const int64_t frameBytes = (int64_t(width) * 3 + 3) / 4 * 4 * std::max(1, stream.height);
         // The budget holds the decoder's own pictures (about eight of ours),
         // the backward chunk being decoded (a quarter of the rest) and the
         // cache. Fewer than 30 cached frames always ask for more ahead,
@@ -271,8 +274,9 @@ void Player::Seek(int64_t position)
     std::lock_guard<std::mutex> lock(d.mutex);
     d.position = double(std::clamp<int64_t>(position, 0, d.LastPosition()));
     // Within the cache a jump only moves the clock; the fill finds its
-    // place by time again.
-    if (!d.seekTo && d.Covers(d.Now()) && (!d.hasAudio || d.audioInStep))
+    // place by time again. Standing or backwards no sound plays: playing
+    // forwards again brings it back (SetSpeed).
+    if (!d.seekTo && d.Covers(d.Now()) && (!d.hasAudio || d.audioInStep || d.speed <= 0.0))
         d.audio.FlushPaBuffer();
     else
         d.seekTo = d.Now();

@@ -95,6 +95,19 @@ TEST(Player, ShowsThePaintedFrameOfEveryTickWhileADeviceThreadFillsAudio)
         ASSERT_TRUE(shown) << "at " << now;
         ASSERT_EQ(PaintedIndex(*shown), int(now / 40000));
     }
+    // Paused after playing backwards, a jump inside the cache only moves the
+    // clock: no sound plays that would need an exact seek.
+    player.SetSpeed(-1.0);
+    for (int tick = 0; tick < 30; ++tick, player.Advance(40000))
+        ASSERT_TRUE(player.WaitFrameAt(player.Position()));
+    player.SetSpeed(0.0);
+    EXPECT_EQ(player.WaitFrameAt(-1), nullptr); // decoding at rest
+    const int seeks = player.GetStats().seeks;
+    player.Seek(player.Position() + 80000);
+    const auto back = player.WaitFrameAt(player.Position());
+    ASSERT_TRUE(back);
+    EXPECT_EQ(PaintedIndex(*back), int(player.Position() / 40000));
+    EXPECT_EQ(player.GetStats().seeks, seeks);
 }
 
 TEST(Player, SoundEndsInSilenceWhileTheClockIsHeldAtTheEnd)

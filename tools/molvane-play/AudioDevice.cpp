@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <limits>
 #include <cmath>
 
 namespace {
@@ -88,13 +89,17 @@ bool AudioDevice::Open(QString* error)
     framesDone = microsAdvanced = 0;
     {
         std::lock_guard<std::mutex> lock(mutex);
-        last = Last();
+        last = firstOfEpoch = Last();
     }
     {
         const QuietStderr quiet;
         code = Pa_OpenStream(&stream, nullptr, &output, rate, paFramesPerBufferUnspecified, paClipOff, &Callback, this);
-        if (code == paNoError)
+        // Known before the callback first runs, which reads it.
+        if (code == paNoError) {
+            if (const PaStreamInfo* streamInfo = Pa_GetStreamInfo(stream))
+                latencyMicros = int64_t(streamInfo->outputLatency * kMicros);
             code = Pa_StartStream(stream);
+        }
     }
     if (code != paNoError) {
         *error = QStringLiteral("%1 (%2, %3 channels at %4 Hz)")
@@ -104,8 +109,6 @@ bool AudioDevice::Open(QString* error)
         Close();
         return false;
     }
-    if (const PaStreamInfo* streamInfo = Pa_GetStreamInfo(stream))
-        latencyMicros = int64_t(streamInfo->outputLatency * kMicros);
     return true;
 }
 
@@ -144,16 +147,24 @@ int64_t AudioDevice::Now() const
 
 int64_t AudioDevice::ShownPosition() const
 {
-    Last heard;
+    Last heard, first;
     {
         std::lock_guard<std::mutex> lock(mutex);
         heard = last;
+        first = firstOfEpoch;
     }
     if (!stream || !heard.valid || heard.epoch != epoch)
         return player.Position();
     const double now = Pa_GetStreamTime(stream);
+    // Until the first buffer of a new place plays, the old one is heard:
+    // the picture waits at the new place rather than going back to the old.
+    if (first.valid && first.epoch == heard.epoch && now < first.dacTime)
+        return first.position;
     const double position = double(heard.position) + heard.speed * (now - heard.dacTime) * kMicros;
-    return std::clamp<int64_t>(int64_t(std::floor(position)), 0, std::max<int64_t>(0, player.Duration() - 1));
+    // A stream that does not say how long it is has no end yet.
+    const int64_t duration = player.Duration();
+    const int64_t end = duration > 0 ? duration - 1 : std::numeric_limits<int64_t>::max();
+    return std::clamp<int64_t>(int64_t(std::floor(position)), 0, end);
 }
 
 void AudioDevice::TakeRecording(std::vector<int16_t>& outSamples, std::vector<Buffer>& outBuffers)
@@ -192,6 +203,8 @@ void AudioDevice::Fill(int16_t* out, int frames, double dacTime)
     microsAdvanced = micros;
     std::lock_guard<std::mutex> lock(mutex);
     last = Last{true, at, position, speed, dacTime, dacTime + double(frames) / rate};
+    if (!firstOfEpoch.valid || firstOfEpoch.epoch != at)
+        firstOfEpoch = last;
     if (recording) {
         samples.insert(samples.end(), out, out + int64_t(frames) * channels);
         buffers.push_back(Buffer{int64_t(dacTime * kMicros), before, position, frames});

@@ -87,7 +87,7 @@ private:
         double speed = 0.0;
         double dacTime = 0.0;
         double endTime = 0.0; // when its last sample frame has been heard
-    } last;
+    } last, firstOfEpoch;
     std::vector<int16_t> samples;
     std::vector<Buffer> buffers;
 };

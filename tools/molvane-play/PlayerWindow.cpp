@@ -134,6 +134,10 @@ void PlayerWindow::TickOnce(int64_t wallMicros)
         shown.frameStart = frame->startTime;
         view->SetFrame(frame);
     }
+    // A stream that does not say how long it is grows as its end is found.
+    const int end = int(std::max<int64_t>(0, player.Duration() - 1) / 1000);
+    if (slider->maximum() != end)
+        slider->setMaximum(end);
     if (!slider->isSliderDown())
         slider->setValue(int(position / 1000));
     UpdateStatus();

@@ -129,9 +129,11 @@ int RunWindow(int argc, char** argv)
     window.SetTickHook([&](const PlayerWindow::Tick& tick) {
         if (tick.frameStart >= 0)
             shownStarts.insert(tick.frameStart);
+        // The end as known now (a stream without a duration finds it while
+        // playing), reached when the picture for what is heard gets there.
         const double playing = player.Speed();
-        const int64_t position = player.Position();
-        if (quitAtEnd && ((playing > 0.0 && position >= end - 1) || (playing < 0.0 && position <= 0))) {
+        const int64_t last = player.Duration() - 1;
+        if (quitAtEnd && ((playing > 0.0 && last >= 0 && tick.position >= last) || (playing < 0.0 && tick.position <= 0))) {
             reachedEnd = true;
             window.close();
         }
