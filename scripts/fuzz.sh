@@ -46,4 +46,4 @@ if ! ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace
   echo "$target found a failing input: $(ls -t "$artifacts" | head -n 1) in $artifacts" >&2
   exit 1
 fi
-grep -E '^stat::(number_of_executed_units|average_exec_per_sec|new_units_added|peak_rss_mb)' "$log"
+grep -a -E '^stat::(number_of_executed_units|average_exec_per_sec|new_units_added|peak_rss_mb)' "$log"
