@@ -7,7 +7,8 @@
 #
 # The corpus grows in build-fuzz/fuzz-corpus/TARGET from run to run; inputs
 # that crash land in build-fuzz/fuzz-artifacts/TARGET/ and make the script
-# fail. Keep each one as fuzz/regressions/TARGET/<what-it-shows>: the replay
+# fail (-timeout is generous: a loaded machine must not look like a hang).
+# Keep each one as fuzz/regressions/TARGET/<what-it-shows>: the replay
 # tests run them in every build. MEDIA=folder reuses test media made before.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -38,11 +39,11 @@ done
 log=$build/fuzz-$target.log
 echo "fuzzing $target for $seconds s (log: $log)"
 if ! ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
-  "$build/fuzz/$target" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -max_len="$max_len" \
+  "$build/fuzz/$target" -max_total_time="$seconds" -timeout=30 -rss_limit_mb=2048 -max_len="$max_len" \
   -print_final_stats=1 -artifact_prefix="$artifacts/" "$corpus" "$seeds" "$root/fuzz/regressions/$target" \
   >"$log" 2>&1; then
   tail -n 60 "$log"
   echo "$target found a failing input: $(ls -t "$artifacts" | head -n 1) in $artifacts" >&2
   exit 1
 fi
-grep -E '^stat::(number_of_executed_units|average_exec_per_sec|new_units_added|peak_rss_mb)' "$log"
+grep -a -E '^stat::(number_of_executed_units|average_exec_per_sec|new_units_added|peak_rss_mb)' "$log"
