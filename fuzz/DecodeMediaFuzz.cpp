@@ -132,6 +132,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     static const std::string path =
         std::string(access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp") + "/molvane-fuzz-" +
         std::to_string(getpid()) + ".bin";
+    static const struct Remover {
+        ~Remover() { unlink(path.c_str()); }
+    } remover;
     FILE* file = std::fopen(path.c_str(), "wb");
     if (file == nullptr)
         return 0;
