@@ -34,7 +34,7 @@ constexpr int kMaxCallsPerJob = 20000;
 constexpr int64_t kDriftCorrected = 10000;
 // What the decoder holds of its own (reference pictures, one per thread), in
 // pictures of the cache's size: its planes are half as large.
-constexpr int64_t kDecoderPictures = 8;
+constexpr int64_t kDecoderPictures = 11;
 // Pictures kept before the target of an exact seek, for stepping back.
 constexpr int kTrailingPictures = 3;
 
@@ -156,11 +156,11 @@ bool Player::Open(const QString& path, bool isImage, int64_t imageDuration)
         const float scaled = float(stream.width) * (isImage ? 1.0f : stream.pixelAspectRatio);
         const int width = scaled >= 1.0f && scaled < float(INT32_MAX / 4) ? int(scaled) : 1;
         const int64_t frameBytes = (int64_t(width) * 3 + 3) / 4 * 4 * std::max(1, stream.height);
-        // The budget holds the decoder's own pictures (about eight of ours),
+        // The budget holds the decoder's own pictures (about eleven of ours),
         // the backward chunk being decoded (a quarter of the rest) and the
         // cache. Fewer than 30 cached frames always ask for more ahead,
         // which would stop reverse play: the cache holds more.
-        const int64_t frames = std::max<int64_t>(d.requestedBudget / frameBytes, 51) - kDecoderPictures;
+        const int64_t frames = std::max<int64_t>(d.requestedBudget / frameBytes, 54) - kDecoderPictures;
         d.chunkFrames = std::max<int64_t>(8, frames / 4);
         d.budget = (frames - d.chunkFrames) * frameBytes;
         d.video.SetMaxCacheSize(d.budget, width, std::max(1, stream.height), 3);

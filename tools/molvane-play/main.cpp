@@ -263,7 +263,8 @@ int main(int argc, char** argv)
         const int frames = int(due - samplesWritten);
         samples.resize(size_t(frames) * channels);
         if (frames > 0) {
-            silentBuffers += player.FillAudio(samples.data(), frames, volume) || !player.HasAudio() ? 0 : 1;
+            // Backwards or standing, silence is what the device should get.
+            silentBuffers += player.FillAudio(samples.data(), frames, volume) || !player.HasAudio() || speed <= 0.0 ? 0 : 1;
             wav.Write(samples.data(), frames);
             if (!player.HasVideo())
                 heard.Add(samples.data(), frames);
