@@ -157,11 +157,13 @@ bool Player::Open(const QString& path, bool isImage, int64_t imageDuration)
         const int width = scaled >= 1.0f && scaled < float(INT32_MAX / 4) ? int(scaled) : 1;
         const int64_t frameBytes = (int64_t(width) * 3 + 3) / 4 * 4 * std::max(1, stream.height);
         // The budget holds the decoder's own pictures (about eleven of ours),
-        // the backward chunk being decoded (a quarter of the rest) and the
-        // cache. Fewer than 30 cached frames always ask for more ahead,
-        // which would stop reverse play: the cache holds more.
+        // the backward chunk being decoded (up to half of the rest: the
+        // longer a chunk, the less often reverse play pays for a decode from
+        // the key frame) and the cache. Fewer than 30 cached frames always
+        // ask for more ahead, which would stop reverse play: the cache holds
+        // at least 33.
         const int64_t frames = std::max<int64_t>(d.requestedBudget / frameBytes, 54) - kDecoderPictures;
-        d.chunkFrames = std::max<int64_t>(8, frames / 4);
+        d.chunkFrames = std::min(frames / 2, frames - 33);
         d.budget = (frames - d.chunkFrames) * frameBytes;
         d.video.SetMaxCacheSize(d.budget, width, std::max(1, stream.height), 3);
     }
@@ -522,7 +524,10 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
                     break;
                 }
                 first = false;
-                if (picture->data && picture->status == 0 && picture->startTime < target - kTrailingPictures * step) {
+                // Playing backwards, the pictures before the target come next:
+                // keep what a backward chunk would hold, decoded already.
+                const int64_t trailing = speed < 0.0 ? chunkFrames : kTrailingPictures;
+                if (picture->data && picture->status == 0 && picture->startTime < target - trailing * step) {
                     before = picture;
                     continue;
                 }

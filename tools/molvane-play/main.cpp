@@ -213,8 +213,10 @@ int main(int argc, char** argv)
     QTextStream ticksOut(&csv);
     ticksOut << "play_time_us,frame_start_us,late\n";
 
-    player.Seek(start);
+    // The direction first: a jump made while playing backwards keeps the
+    // pictures before its target.
     player.SetSpeed(speed);
+    player.Seek(start);
     std::mt19937_64 random(1);
     std::vector<int16_t> samples;
     Envelope heard(channels); // the waveform of a file without video
