@@ -202,7 +202,11 @@ void AudioDevice::Fill(int16_t* out, int frames, double dacTime)
     player.Advance(micros - microsAdvanced);
     microsAdvanced = micros;
     std::lock_guard<std::mutex> lock(mutex);
-    last = Last{true, at, position, speed, dacTime, dacTime + double(frames) / rate};
+    // A clock held at an end fills silence from the same position: the sound
+    // heard keeps moving from the last buffer that moved it.
+    const bool held = last.valid && last.epoch == at && speed != 0.0 && position == last.position;
+    if (!held)
+        last = Last{true, at, position, speed, dacTime, dacTime + double(frames) / rate};
     if (!firstOfEpoch.valid || firstOfEpoch.epoch != at)
         firstOfEpoch = last;
     if (recording) {
