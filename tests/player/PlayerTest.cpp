@@ -108,6 +108,14 @@ TEST(Player, ShowsThePaintedFrameOfEveryTickWhileADeviceThreadFillsAudio)
     ASSERT_TRUE(back);
     EXPECT_EQ(PaintedIndex(*back), int(player.Position() / 40000));
     EXPECT_EQ(player.GetStats().seeks, seeks);
+    // Played straight after Open, with no jump first, a stream that does not
+    // say how long it is decodes on past its first picture.
+    ASSERT_TRUE(player.Open(MediaPath("open_ended.mkv")));
+    player.SetSpeed(1.0);
+    player.Advance(1000000);
+    const auto later = player.WaitFrameAt(1000000);
+    ASSERT_TRUE(later);
+    EXPECT_EQ(PaintedIndex(*later), 25);
 }
 
 TEST(Player, SoundEndsInSilenceWhileTheClockIsHeldAtTheEnd)
