@@ -6,6 +6,7 @@
 
 #include <QDir>
 #include <QLoggingCategory>
+#include <QFile>
 #include <QProcess>
 
 #include <mutex>
@@ -89,6 +90,41 @@ QByteArray RunFfmpeg(const QStringList& args)
     EXPECT_TRUE(process.waitForFinished(300000));
     EXPECT_EQ(process.exitCode(), 0) << process.readAllStandardError().toStdString();
     return process.readAllStandardOutput();
+}
+
+ProgramRun RunProgram(const QString& program, const QStringList& arguments, const QProcessEnvironment& environment)
+{
+    QProcess process;
+    process.setProcessEnvironment(environment);
+    process.start(program, arguments);
+    ProgramRun run;
+    if (process.waitForFinished(300000) && process.exitStatus() == QProcess::NormalExit)
+        run.exitCode = process.exitCode();
+    run.out = process.readAllStandardOutput();
+    run.err = QString::fromUtf8(process.readAllStandardError());
+    return run;
+}
+
+ProgramRun RunProgram(const QString& program, const QStringList& arguments)
+{
+    return RunProgram(program, arguments, QProcessEnvironment::systemEnvironment());
+}
+
+QList<QList<qint64>> ReadCsv(const QString& path, QByteArray* header)
+{
+    QList<QList<qint64>> rows;
+    QFile file(path);
+    EXPECT_TRUE(file.open(QIODevice::ReadOnly)) << path.toStdString();
+    const QByteArray first = file.readLine();
+    if (header)
+        *header = first;
+    while (!file.atEnd()) {
+        QList<qint64> row;
+        for (const QByteArray& field : file.readLine().trimmed().split(','))
+            row << field.toLongLong();
+        rows << row;
+    }
+    return rows;
 }
 
 namespace {

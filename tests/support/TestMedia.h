@@ -17,6 +17,8 @@
 #include <cstdint>
 #include <memory>
 
+class QProcessEnvironment;
+
 namespace molvane::test {
 
 // A file of the test media by name ("h264_aac.mp4"); absolute paths pass through.
@@ -57,6 +59,19 @@ struct ChannelCap {
     ~ChannelCap() { AvGlobals::maxAudioOutputChannels = saved; }
     const int saved = AvGlobals::maxAudioOutputChannels;
 };
+
+// One of our programs run to its end: its exit status (-1 when it crashed
+// or hung), stdout and stderr.
+struct ProgramRun {
+    int exitCode = -1;
+    QByteArray out;
+    QString err;
+};
+ProgramRun RunProgram(const QString& program, const QStringList& arguments);
+ProgramRun RunProgram(const QString& program, const QStringList& arguments, const QProcessEnvironment& environment);
+
+// The rows of integers of a CSV file below its header line.
+QList<QList<qint64>> ReadCsv(const QString& path, QByteArray* header = nullptr);
 
 // Collects what the library logs in its category while in scope.
 class LogCapture

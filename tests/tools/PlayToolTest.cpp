@@ -29,22 +29,12 @@ struct Outputs {
 
 Outputs Play(const QString& out, const QStringList& arguments)
 {
-    QProcess process;
-    process.start(QStringLiteral(MOLVANE_PLAY_PATH), arguments + QStringList{"--out", out});
-    Outputs run;
-    if (process.waitForFinished(300000) && process.exitStatus() == QProcess::NormalExit)
-        run.exitCode = process.exitCode();
-    run.err = QString::fromUtf8(process.readAllStandardError());
-    run.summary = QJsonDocument::fromJson(process.readAllStandardOutput()).object();
-    QFile csv(out + "/ticks.csv");
-    if (csv.open(QIODevice::ReadOnly)) {
-        EXPECT_EQ(csv.readLine(), QByteArray("play_time_us,frame_start_us,late\n"));
-        while (!csv.atEnd()) {
-            QList<qint64> fields;
-            for (const QByteArray& field : csv.readLine().trimmed().split(','))
-                fields << field.toLongLong();
-            run.ticks << fields;
-        }
+    const ProgramRun program = RunProgram(QStringLiteral(MOLVANE_PLAY_PATH), arguments + QStringList{"--out", out});
+    Outputs run{program.exitCode, program.err, QJsonDocument::fromJson(program.out).object(), {}};
+    if (run.exitCode == 0) {
+        QByteArray header;
+        run.ticks = ReadCsv(out + "/ticks.csv", &header);
+        EXPECT_EQ(header, QByteArray("play_time_us,frame_start_us,late\n"));
     }
     return run;
 }

@@ -16,28 +16,16 @@ using namespace molvane::test;
 
 namespace {
 
-struct ToolRun {
-    int exitCode = -1;
-    QString out, err;
-};
-
-ToolRun ProbeTool(const QStringList& arguments)
+ProgramRun ProbeTool(const QStringList& arguments)
 {
-    QProcess process;
-    process.start(QStringLiteral(MOLVANE_PROBE_PATH), arguments);
-    ToolRun run;
-    if (process.waitForFinished(120000) && process.exitStatus() == QProcess::NormalExit)
-        run.exitCode = process.exitCode();
-    run.out = QString::fromUtf8(process.readAllStandardOutput());
-    run.err = QString::fromUtf8(process.readAllStandardError());
-    return run;
+    return RunProgram(QStringLiteral(MOLVANE_PROBE_PATH), arguments);
 }
 
 QJsonArray ProbeJson(const QStringList& arguments, int exitCode = 0)
 {
-    const ToolRun run = ProbeTool(QStringList{QStringLiteral("--json")} + arguments);
+    const ProgramRun run = ProbeTool(QStringList{QStringLiteral("--json")} + arguments);
     EXPECT_EQ(run.exitCode, exitCode) << run.err.toStdString();
-    return QJsonDocument::fromJson(run.out.toUtf8()).array();
+    return QJsonDocument::fromJson(run.out).array();
 }
 
 // The value at a path of object keys and array positions ("0/videoStreams/0/width").
@@ -83,7 +71,7 @@ TEST(ProbeTool, JsonHoldsEveryFilesRecordWithItsTags)
 
 TEST(ProbeTool, TextShowsDurationTagsAndStreams)
 {
-    const ToolRun run = ProbeTool({MediaPath("rotated_90.mp4"), MediaPath("quad.wav"), MediaPath("tagged.mkv")});
+    const ProgramRun run = ProbeTool({MediaPath("rotated_90.mp4"), MediaPath("quad.wav"), MediaPath("tagged.mkv")});
     ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
     for (const char* line : {
              "rotated_90.mp4\n  duration: 00:00:01.00 (1000000 us)\n",
@@ -96,7 +84,7 @@ TEST(ProbeTool, TextShowsDurationTagsAndStreams)
              "\n  video stream 0: h264, 160x120, pixel aspect 1.0000, rotation 0, 25 fps, frame step 40000 us, "
              "27 frames, start 1000000 us, ",
          })
-        EXPECT_TRUE(run.out.contains(QString::fromUtf8(line))) << line << "\nin:\n" << run.out.toStdString();
+        EXPECT_TRUE(run.out.contains(line)) << line << "\nin:\n" << run.out.toStdString();
 }
 
 TEST(ProbeTool, FailureExitsWithOneAndTheLibrarysMessage)
@@ -108,7 +96,7 @@ TEST(ProbeTool, FailureExitsWithOneAndTheLibrarysMessage)
     ASSERT_EQ(files.size(), 1);
     EXPECT_EQ(At(files, QStringLiteral("0/audioStreams/0/codecName")), QJsonValue("pcm_u8"));
 
-    const ToolRun run = ProbeTool({missing});
+    const ProgramRun run = ProbeTool({missing});
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_TRUE(run.out.isEmpty()) << run.out.toStdString();
     EXPECT_TRUE(run.err.contains(QStringLiteral("File not found: %1\n").arg(QFileInfo(missing).absoluteFilePath())))

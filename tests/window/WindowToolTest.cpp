@@ -36,30 +36,8 @@ struct Outcome {
 
 Outcome Play(const QStringList& arguments, const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment())
 {
-    QProcess process;
-    process.setProcessEnvironment(environment);
-    process.start(QStringLiteral(MOLVANE_PLAY_PATH), QStringList{"--window"} + arguments);
-    Outcome run;
-    if (process.waitForFinished(300000) && process.exitStatus() == QProcess::NormalExit)
-        run.exitCode = process.exitCode();
-    run.errLines = QString::fromUtf8(process.readAllStandardError()).split('\n', Qt::SkipEmptyParts);
-    run.summary = QJsonDocument::fromJson(process.readAllStandardOutput()).object();
-    return run;
-}
-
-QList<QList<qint64>> Csv(const QString& path)
-{
-    QList<QList<qint64>> rows;
-    QFile file(path);
-    EXPECT_TRUE(file.open(QIODevice::ReadOnly)) << path.toStdString();
-    file.readLine(); // header
-    while (!file.atEnd()) {
-        QList<qint64> row;
-        for (const QByteArray& field : file.readLine().trimmed().split(','))
-            row << field.toLongLong();
-        rows << row;
-    }
-    return rows;
+    const ProgramRun run = RunProgram(QStringLiteral(MOLVANE_PLAY_PATH), QStringList{"--window"} + arguments, environment);
+    return {run.exitCode, run.err.split('\n', Qt::SkipEmptyParts), QJsonDocument::fromJson(run.out).object()};
 }
 
 // Source positions of interleaved stereo s16 sample frames; -1 for silence,
@@ -176,8 +154,8 @@ TEST(WindowTool, TheServerPlaysTheSourcesSoundInStepWithThePicture)
 
     // The picture against the sound: at each tick, the sound the device
     // played then, as the buffers' device times and the samples written say.
-    const QList<QList<qint64>> ticks = Csv(dir.filePath("ticks.csv")); // device µs, play µs, frame, late
-    const QList<QList<qint64>> buffers = Csv(dir.filePath("buffers.csv")); // dac µs, first frame, play µs, frames
+    const QList<QList<qint64>> ticks = ReadCsv(dir.filePath("ticks.csv")); // device µs, play µs, frame, late
+    const QList<QList<qint64>> buffers = ReadCsv(dir.filePath("buffers.csv")); // dac µs, first frame, play µs, frames
     std::vector<double> offsets;
     for (const auto& tick : ticks) {
         // The buffer being played at the tick, unless the device stood between two.
@@ -216,7 +194,7 @@ TEST(WindowTool, WithoutASoundServerItSaysSoOnceAndPlaysOnItsOwnClock)
     EXPECT_TRUE(run.errLines[0].startsWith("molvane-play: no sound: ")) << run.errLines[0].toStdString();
     EXPECT_FALSE(run.summary["sound_device"].toBool());
     // The clock ran to the end: every frame of the clip went by.
-    const QList<QList<qint64>> ticks = Csv(dir.filePath("ticks.csv"));
+    const QList<QList<qint64>> ticks = ReadCsv(dir.filePath("ticks.csv"));
     ASSERT_FALSE(ticks.isEmpty());
     EXPECT_EQ(ticks.last()[2], 74 * 40000);
 }
