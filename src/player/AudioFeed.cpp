@@ -11,6 +11,22 @@ int64_t TrueStart(const DecodedAudioFrame& first, const DecodedAudioFrame& next)
     return gap ? next.startTime - 1 - (first.endTime - first.startTime) : first.startTime;
 }
 
+// Where the sound starts, once the first frame has its true time. Decodes
+// from the start of the input and leaves it closed.
+int64_t Player::Impl::SoundStart()
+{
+    int64_t start = 0;
+    QList<std::shared_ptr<DecodedAudioFrame>> sounds;
+    QList<std::shared_ptr<DecodedVideoFrame>> pictures;
+    instance.CloseInput();
+    for (int calls = 0; calls < 100 && sounds.size() < 2 && instance.HasPacket(); ++calls)
+        instance.DecodePacket(sounds, pictures, -1);
+    if (!sounds.isEmpty())
+        start = sounds.size() > 1 ? TrueStart(*sounds[0], *sounds[1]) : sounds[0]->startTime;
+    instance.CloseInput();
+    return start;
+}
+
 void Player::Impl::AppendAudio(const AudioList& frames)
 {
     for (const auto& frame : frames) {

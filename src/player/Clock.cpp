@@ -50,8 +50,9 @@ void Player::Seek(int64_t position)
     d.position = double(std::clamp<int64_t>(position, 0, d.LastPosition()));
     // Within the cache a jump only moves the clock; the fill finds its
     // place by time again. Standing or backwards no sound plays: playing
-    // forwards again brings it back (SetSpeed).
-    if (!d.seekTo && d.Covers(d.Now()) && (!d.hasAudio || d.audioInStep || d.speed <= 0.0))
+    // forwards again brings it back (SetSpeed). A frame whose end is still
+    // a guess may not be the one for the new time.
+    if (!d.seekTo && d.Settled(d.Now()) && (!d.hasAudio || d.audioInStep || d.speed <= 0.0))
         d.audio.FlushPaBuffer();
     else
         d.seekTo = d.Now();
@@ -76,10 +77,13 @@ void Player::StepFrames(int count)
     }
 }
 
-std::shared_ptr<DecodedVideoFrame> Player::FrameAt(int64_t time) const
+std::shared_ptr<DecodedVideoFrame> Player::FrameAt(int64_t time, bool* settled) const
 {
     std::lock_guard<std::mutex> lock(impl->mutex);
-    return impl->video.GetFrame(time, 0);
+    auto frame = impl->video.GetFrame(time, 0);
+    if (settled)
+        *settled = impl->Settled(frame);
+    return frame;
 }
 
 std::shared_ptr<DecodedVideoFrame> Player::WaitFrameAt(int64_t time)
@@ -89,8 +93,9 @@ std::shared_ptr<DecodedVideoFrame> Player::WaitFrameAt(int64_t time)
     if (!d.hasVideo)
         return nullptr;
     d.Wake();
-    d.progress.wait(lock, [&] { return d.quit || (!d.seekTo && (d.Covers(time) || d.idle)); });
-    return d.seekTo ? nullptr : d.video.GetFrame(time, 0);
+    // The newest picture may end before time: its successor decides.
+    d.progress.wait(lock, [&] { return d.quit || !d.hasVideo || (!d.seekTo && (d.Settled(time) || d.idle)); });
+    return d.seekTo || !d.hasVideo ? nullptr : d.video.GetFrame(time, 0);
 }
 
 Player::CacheFill Player::GetCacheFill() const

@@ -9,6 +9,22 @@ void Player::Impl::Run()
 {
     std::unique_lock<std::mutex> lock(mutex);
     while (!quit) {
+        if (noPictures && hasVideo) {
+            // Decoding went from the start of the stream to its end without
+            // a picture: the file plays as sound alone, from the clock on,
+            // which then counts from the first sound.
+            hasVideo = false;
+            ClearCaches();
+            if (hasAudio) {
+                lock.unlock();
+                const int64_t soundStart = SoundStart();
+                lock.lock();
+                audioOffset = soundStart;
+                seekTo = Now();
+            }
+            progress.notify_all();
+            continue;
+        }
         if (seekTo) {
             const int64_t target = *seekTo;
             ExactSeek(target, lock);
@@ -24,8 +40,10 @@ void Player::Impl::Run()
             // on: sound decoded ahead of the pictures is not decoded again.
             audio.UpdateCache(std::min(now, video.GetStartTime()) + audioOffset - kSecond, kForever);
             // Frames dropped at either end take the reached end with them.
+            // An empty cache at the end found nothing up to it: decoding
+            // again would find nothing again.
             const auto newest = video.LastFrame(), oldest = video.FirstFrame();
-            if (endReached && !isImage && (!newest || newest->endTime < mediaEnd)) {
+            if (endReached && !isImage && newest && newest->endTime < mediaEnd) {
                 endReached = false;
                 instanceAtNewest = false;
             }
@@ -64,8 +82,11 @@ bool Player::Impl::DecodeCall(VideoList& videoFrames, AudioList& audioFrames, in
     const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - begin;
     lock.lock();
     stats.decodeSeconds += spent.count();
+    bool ended = !more;
     for (const auto& frame : videoFrames) {
-        if (frame->data != nullptr) {
+        passHadPicture = passHadPicture || frame->data != nullptr;
+        ended = ended || frame->data == nullptr;
+        if (frame->data != nullptr && frame->status == 0) {
             ++stats.decodedPictures;
             stats.decodedMicros += step;
         }
@@ -74,6 +95,8 @@ bool Player::Impl::DecodeCall(VideoList& videoFrames, AudioList& audioFrames, in
         for (const auto& frame : audioFrames)
             stats.decodedMicros += frame->endTime - frame->startTime + 1;
     }
+    if (ended && hasVideo && !isImage && passFromStart && !passHadPicture)
+        noPictures = true;
     return more;
 }
 
@@ -86,6 +109,7 @@ void Player::Impl::ClearCaches()
     heldAudio.reset();
     holdFirstAudio = true;
     endReached = audioEnded = startReached = false;
+    openPictureStart = -1;
     mediaEnd = isImage || duration <= 0 ? kForever : std::max(duration, step);
 }
 
@@ -94,10 +118,54 @@ void Player::Impl::ClearCaches()
 // to 0 can land past the first picture.
 void Player::Impl::Reposition(int64_t time)
 {
-    if (time <= 0 || isImage)
+    passFromStart = time <= 0 || isImage;
+    passHadPicture = false;
+    if (passFromStart)
         instance.CloseInput();
     else
         instance.Seek(time + streamStart);
+}
+
+// Sets the input up for the size of a placeholder the cache wants, to be
+// repositioned by the caller. False when it gives up on that size: the
+// picture is then missing. Pictures larger than any before split the budget
+// again, which empties the caches: the play position is decoded again.
+bool Player::Impl::FollowSizeChange(const DecodedVideoFrame& placeholder, std::unique_lock<std::mutex>& lock)
+{
+    if (placeholder.width < 1 || placeholder.height < 1 || switchesWithoutPicture >= kMaxSizeSwitches)
+        return false;
+    ++switchesWithoutPicture;
+    std::shared_ptr<MediaInfo> sized = info;
+    if (placeholder.width != probedWidth || placeholder.height != probedHeight) {
+        sized = std::make_shared<MediaInfo>(*info);
+        for (VideoStream& stream : sized->videoStreams) {
+            if (stream.index == videoStreamIndex) {
+                stream.width = placeholder.width;
+                stream.height = placeholder.height;
+            }
+        }
+    }
+    lock.unlock();
+    // One decoder at a time: the budget counts the pictures of one.
+    instance.Shutdown();
+    instance = MediaInstance();
+    const bool ready = instance.Initialize(sized, 0);
+    lock.lock();
+    if (!ready)
+        return false;
+    instanceInfo = sized;
+    instanceWidth = placeholder.width;
+    instanceHeight = placeholder.height;
+    instanceAtNewest = false;
+    drained.clear();
+    // Smaller pictures fit the split made for larger ones.
+    if (FrameBytes(instanceWidth, instanceHeight) > plannedFrameBytes) {
+        PlanBudget(instanceWidth, instanceHeight);
+        ClearCaches();
+        if (!seekTo)
+            seekTo = Now();
+    }
+    return true;
 }
 
 void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
@@ -106,7 +174,8 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
     audioInStep = true;
     ++stats.seeks;
     int64_t early = largeSeekOffset ? kSecond : 0;
-    for (;;) {
+    for (bool again = true; again;) {
+        again = false;
         lock.unlock();
         Reposition(target - early);
         lock.lock();
@@ -115,7 +184,7 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
         // The latest picture too early to keep: it covers the target when
         // the next one starts after it (a long frame).
         std::shared_ptr<DecodedVideoFrame> before;
-        for (int calls = 0; calls < kMaxCallsPerJob && !quit && seekTo == target; ++calls) {
+        for (int calls = 0; calls < kMaxCallsPerJob && !quit && seekTo == target && !again; ++calls) {
             VideoList pictures;
             AudioList sounds;
             // The library leaves the pictures far before the target
@@ -137,28 +206,49 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
                 // Playing backwards, the pictures before the target come next:
                 // keep what a backward chunk would hold, decoded already.
                 const int64_t trailing = speed < 0.0 ? chunkFrames : kTrailingPictures;
-                if (picture->data && picture->status == 0 && picture->startTime < target - trailing * step) {
+                if (picture->data && picture->startTime < target - trailing * step) {
                     before = picture;
                     continue;
                 }
-                if (before && video.GetFrameCount() == 0 && (!picture->data || picture->startTime > target))
-                    AppendForward(before);
+                auto append = [&](const std::shared_ptr<DecodedVideoFrame>& next) {
+                    if (AppendForward(next) || !FollowSizeChange(*next, lock))
+                        return true;
+                    // Set up for the new size: on from the newest cached
+                    // picture, or the whole pass again when none is left.
+                    if (video.GetFrameCount() == 0) {
+                        ClearCaches();
+                        again = true;
+                    } else {
+                        const int64_t newest = video.LastFrame()->startTime;
+                        lock.unlock();
+                        Reposition(newest - (largeSeekOffset ? kSecond : 0));
+                        lock.lock();
+                        before.reset();
+                    }
+                    return false;
+                };
+                if (before && video.GetFrameCount() == 0 && (!picture->data || picture->startTime > target) &&
+                    !append(std::exchange(before, nullptr)))
+                    break;
                 before.reset();
-                AppendForward(picture);
+                if (!append(picture))
+                    break;
             }
             progress.notify_all();
-            if (landedLate || !more || (!hasVideo && audio.GetEndTime() >= target + audioOffset + kAudioAhead) ||
+            if (landedLate || again || !more ||
+                (!hasVideo && audio.GetEndTime() >= target + audioOffset + kAudioAhead) ||
                 (hasVideo && (endReached || video.IsCacheFull() ||
                               (Covers(target) && video.GetEndTime() > target + step))))
                 break;
         }
         if (!landedLate)
-            break;
+            continue;
         // The seek landed after the target: no picture may be shown that
         // does not cover it, so go further back and decode again.
         ClearCaches();
         ++stats.reseeks;
         early = early == 0 ? kSecond : 2 * early;
+        again = true;
     }
     instanceAtNewest = true;
 }
@@ -166,7 +256,8 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
 void Player::Impl::DecodeForward(std::unique_lock<std::mutex>& lock)
 {
     if (!instanceAtNewest) {
-        // A backward chunk moved the input: go back to the newest picture.
+        // A backward chunk or a change of size moved the input: go back to
+        // the newest picture.
         drained.clear();
         const int64_t newest = video.LastFrame() ? video.LastFrame()->startTime : Now();
         lock.unlock();
@@ -193,20 +284,29 @@ void Player::Impl::DecodeForward(std::unique_lock<std::mutex>& lock)
                 return;
             }
         }
-        AppendForward(pictures[i]);
+        // After a change of size the rest comes again from the input set
+        // up for it.
+        if (!AppendForward(pictures[i]) && FollowSizeChange(*pictures[i], lock)) {
+            progress.notify_all();
+            return;
+        }
     }
     if (!more) {
         endReached = audioEnded = true;
         if (heldAudio)
             PushAudio(std::exchange(heldAudio, nullptr));
         mediaEnd = video.GetFrameCount() > 0 ? video.GetEndTime() : mediaEnd;
+        openPictureStart = -1;
         if (!hasVideo && audio.GetFrameCount() > 0)
             EndFound(audio.GetEndTime() - audioOffset);
     }
     progress.notify_all();
 }
 
-void Player::Impl::AppendForward(const std::shared_ptr<DecodedVideoFrame>& picture)
+// Appends a picture decoded forwards. False for a size-change placeholder
+// the cache would take: the input must be set up for its size, and what
+// came after it decoded again.
+bool Player::Impl::AppendForward(const std::shared_ptr<DecodedVideoFrame>& picture)
 {
     if (picture->data == nullptr) {
         // The end of the stream: the last picture lasts to the media's end.
@@ -218,22 +318,38 @@ void Player::Impl::AppendForward(const std::shared_ptr<DecodedVideoFrame>& pictu
         }
         endReached = true;
         audioEnded = true;
+        openPictureStart = -1;
         if (heldAudio)
             PushAudio(std::exchange(heldAudio, nullptr));
-        return;
+        return true;
     }
-    // Pictures before the cached range would be stretched over the gap to
-    // it; a size-change placeholder has no picture to show.
-    if ((video.GetFrameCount() > 0 && picture->startTime < video.GetStartTime()) || picture->status != 0)
-        return;
+    const auto newest = video.LastFrame();
+    if (picture->status != 0) {
+        if (newest && picture->startTime <= newest->startTime)
+            return true; // cached already, in its own size
+        // It is the newest picture's successor, whatever its size.
+        if (newest && newest->startTime == openPictureStart) {
+            video.OverrideLastFrameEndTime(picture->startTime - 1);
+            openPictureStart = -1;
+        }
+        return false;
+    }
+    // Pictures before the cached range would be stretched over the gap to it.
+    if (video.GetFrameCount() > 0 && picture->startTime < video.GetStartTime())
+        return true;
     picture->endTime = isImage ? kForever : picture->startTime + step - 1;
     video.AppendFrame(picture);
+    if (video.LastFrame() == picture) {
+        openPictureStart = isImage ? -1 : picture->startTime;
+        switchesWithoutPicture = 0;
+    }
     if (isImage) {
         endReached = true;
         mediaEnd = kForever;
     }
     stats.largestFrameBytes = std::max<int64_t>(stats.largestFrameBytes, picture->size);
     stats.peakVideoCacheBytes = std::max(stats.peakVideoCacheBytes, video.GetSize());
+    return true;
 }
 
 void Player::Impl::DecodeChunkBefore(int64_t start, std::unique_lock<std::mutex>& lock)
@@ -249,7 +365,7 @@ void Player::Impl::DecodeChunkBefore(int64_t start, std::unique_lock<std::mutex>
         lock.unlock();
         Reposition(from - (largeSeekOffset && from > 0 ? kSecond : 0));
         lock.lock();
-        VideoList pictures;
+        VideoList pictures; // size-change placeholders among them
         for (int calls = 0; calls < kMaxCallsPerJob && !quit && !seekTo; ++calls) {
             VideoList out;
             AudioList ignored; // reverse play is silent
@@ -258,8 +374,7 @@ void Player::Impl::DecodeChunkBefore(int64_t start, std::unique_lock<std::mutex>
             bool past = !more;
             for (const auto& picture : out) {
                 past = past || picture->data == nullptr || picture->startTime >= start;
-                if (!past && picture->status == 0 && picture->startTime + step > 0 &&
-                    picture->startTime >= from - step) {
+                if (!past && picture->startTime + step > 0 && picture->startTime >= from - step) {
                     // Only the newest pictures before start fit the chunk's share.
                     if (pictures.size() >= chunkFrames)
                         pictures.removeFirst();
@@ -275,15 +390,33 @@ void Player::Impl::DecodeChunkBefore(int64_t start, std::unique_lock<std::mutex>
         startReachedAt = start;
         if (!pictures.isEmpty() || from == 0) {
             // Newest first: each lands just before the oldest cached one, as
-            // long as the cache's policy makes room for it.
+            // long as the cache's policy makes room for it. The newest ends
+            // where the oldest cached picture starts.
+            int64_t successor = start;
+            bool appended = false, switched = false;
             for (auto it = pictures.rbegin(); it != pictures.rend(); ++it) {
+                if ((*it)->status != 0) {
+                    // The older pictures have another size: the next chunk
+                    // decodes them with the input set up for it.
+                    if ((switched = FollowSizeChange(**it, lock)))
+                        break;
+                    continue;
+                }
                 video.UpdateCache(Now(), mediaEnd, speed != 0.0, speed >= 0.0);
                 if (!video.CanCacheBackwards() && video.GetFrameCount() > 0)
                     break;
-                (*it)->endTime = (*it)->startTime + step - 1;
+                (*it)->endTime = successor - 1;
+                successor = (*it)->startTime;
                 video.AppendFrame(*it);
+                appended = true;
+                switchesWithoutPicture = 0;
                 stats.peakVideoCacheBytes = std::max(stats.peakVideoCacheBytes, video.GetSize());
             }
+            // Only pictures of a size the input cannot be set up for:
+            // nothing before start can be shown.
+            const auto showable = [](const auto& picture) { return picture->status == 0; };
+            if (!appended && !switched && std::none_of(pictures.begin(), pictures.end(), showable))
+                startReached = true;
             progress.notify_all();
             return;
         }

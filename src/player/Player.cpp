@@ -36,42 +36,27 @@ bool Player::Open(const QString& path, bool isImage, int64_t imageDuration)
     d.channels = d.hasAudio ? d.instance.GetOutputChannelCount() : 0;
     d.sampleRate = d.hasAudio ? d.instance.GetSampleRate() : 0;
     d.largeSeekOffset = d.instance.RequiresLargeSeekOffset();
+    d.instanceInfo = info;
+    d.switchesWithoutPicture = 0;
+    d.passFromStart = true;
+    d.passHadPicture = false;
+    d.plannedFrameBytes = 0;
     if (d.hasVideo) {
         VideoStream stream;
-        info->GetVideoStream(d.instance.GetActiveVideoStreamIndex(), stream);
+        d.videoStreamIndex = d.instance.GetActiveVideoStreamIndex();
+        info->GetVideoStream(d.videoStreamIndex, stream);
         d.streamStart = stream.startTime;
         // Attached pictures (cover art) come with a rate of 90 kHz: no real step.
         d.step = stream.frameStep >= 1000 ? stream.frameStep : 40000;
-        // Pictures come out at their display width, which a broken aspect
-        // ratio must not carry beyond what rows of int can hold.
-        const float scaled = float(stream.width) * (isImage ? 1.0f : stream.pixelAspectRatio);
-        const int width = scaled >= 1.0f && scaled < float(INT32_MAX / 4) ? int(scaled) : 1;
-        const int64_t frameBytes = (int64_t(width) * 3 + 3) / 4 * 4 * std::max(1, stream.height);
-        // The budget holds the decoder's own pictures (about eleven of ours),
-        // the backward chunk being decoded (up to half of the rest: the
-        // longer a chunk, the less often reverse play pays for a decode from
-        // the key frame) and the cache. Fewer than 30 cached frames always
-        // ask for more ahead, which would stop reverse play: the cache holds
-        // at least 33.
-        const int64_t frames = std::max<int64_t>(d.requestedBudget / frameBytes, 54) - kDecoderPictures;
-        d.chunkFrames = std::min(frames / 2, frames - 33);
-        d.budget = (frames - d.chunkFrames) * frameBytes;
-        d.video.SetMaxCacheSize(d.budget, width, std::max(1, stream.height), 3);
+        d.pixelAspect = stream.pixelAspectRatio;
+        d.probedWidth = d.instanceWidth = stream.width;
+        d.probedHeight = d.instanceHeight = stream.height;
+        d.PlanBudget(stream.width, stream.height);
     }
     const int64_t duration = isImage ? imageDuration : std::max<int64_t>(0, info->GetDuration());
     d.audioOffset = d.hasVideo ? d.streamStart : 0;
-    if (!d.hasVideo && d.hasAudio) {
-        // Where the sound starts, once the first frame has its true time.
-        QList<std::shared_ptr<DecodedAudioFrame>> sounds;
-        QList<std::shared_ptr<DecodedVideoFrame>> none;
-        for (int calls = 0; calls < 100 && sounds.size() < 2 && d.instance.HasPacket(); ++calls)
-            d.instance.DecodePacket(sounds, none, -1);
-        if (!sounds.isEmpty()) {
-            const auto& first = *sounds[0];
-            d.audioOffset = sounds.size() > 1 ? TrueStart(first, *sounds[1]) : first.startTime;
-        }
-        d.instance.CloseInput();
-    }
+    if (!d.hasVideo && d.hasAudio)
+        d.audioOffset = d.SoundStart();
     d.audio.SetMaxFrameCount(256);
     std::lock_guard<std::mutex> lock(d.mutex);
     d.quit = false;
@@ -82,6 +67,8 @@ bool Player::Open(const QString& path, bool isImage, int64_t imageDuration)
     d.stats = Stats();
     d.timeJumps.clear();
     d.stats.videoCacheBudget = d.budget;
+    d.openPictureStart = -1;
+    d.noPictures = false;
     d.seekTo.reset();
     d.endReached = d.audioEnded = d.startReached = false;
     d.instanceAtNewest = d.audioInStep = true;
@@ -107,7 +94,36 @@ void Player::Close()
     d.heldAudio.reset();
     d.drained.clear();
     d.info.reset();
+    d.instanceInfo.reset();
     d.hasVideo = d.hasAudio = false;
+}
+
+// The budget holds the decoder's own pictures (about eleven of ours), the
+// backward chunk being decoded (up to half of the rest: the longer a chunk,
+// the less often reverse play pays for a decode from the key frame) and the
+// cache, all of pictures of the size given (the largest met so far). Fewer
+// than 30 cached frames always ask for more ahead, which would stop reverse
+// play: the cache holds at least 33. Empties the video cache.
+void Player::Impl::PlanBudget(int width, int height)
+{
+    const int64_t frameBytes = FrameBytes(width, height);
+    const int64_t frames = std::max<int64_t>(requestedBudget / frameBytes, 54) - kDecoderPictures;
+    chunkFrames = std::min(frames / 2, frames - 33);
+    budget = (frames - chunkFrames) * frameBytes;
+    plannedFrameBytes = frameBytes;
+    video.SetMaxCacheSize(budget, int(frameBytes / 3 / std::max(1, height)), std::max(1, height), 3);
+    openPictureStart = -1;
+    stats.videoCacheBudget = std::max(stats.videoCacheBudget, budget);
+}
+
+// RGB24 bytes of one picture of a source size, at its display width.
+int64_t Player::Impl::FrameBytes(int width, int height) const
+{
+    // A broken aspect ratio must not carry the width beyond what rows of
+    // int can hold.
+    const float scaled = float(width) * (isImage ? 1.0f : pixelAspect);
+    const int displayWidth = scaled >= 1.0f && scaled < float(INT32_MAX / 4) ? int(scaled) : 1;
+    return (int64_t(displayWidth) * 3 + 3) / 4 * 4 * std::max(1, height);
 }
 
 std::shared_ptr<const MediaInfo> Player::Info() const { return impl->info; }

@@ -10,6 +10,7 @@
 #include <MolvaneAV/MediaInstance.h>
 #include <MolvaneAV/Player.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -37,6 +38,10 @@ inline constexpr int64_t kDriftCorrected = 10000;
 inline constexpr int64_t kDecoderPictures = 11;
 // Pictures kept before the target of an exact seek, for stepping back.
 inline constexpr int kTrailingPictures = 3;
+// Size changes followed in a row without a picture coming out: beyond
+// that, a decoder that keeps changing its mind gives missing pictures
+// rather than an endless round of reopening.
+inline constexpr int kMaxSizeSwitches = 4;
 
 // The first audio frame after an open or a seek can come out short (an MP3
 // decoder trims its priming samples) but keeps its packet's time: its true
@@ -49,18 +54,35 @@ struct Player::Impl {
     // Set by Open before the thread starts, read-only afterwards.
     std::shared_ptr<MediaInfo> info;
     bool isImage = false;
-    bool hasVideo = false, hasAudio = false;
+    bool hasAudio = false;
     const int64_t requestedBudget;
-    int64_t streamStart = 0, step = 40000, budget;
+    int64_t streamStart = 0, step = 40000;
     int channels = 0, sampleRate = 0;
     bool largeSeekOffset = false;
-    // Audio records keep their stream's times; the clock counts from the
-    // first picture (or, without video, from the first sound).
-    int64_t audioOffset = 0;
-    int64_t chunkFrames = 8; // pictures a backward chunk holds before they go into the cache
+    int videoStreamIndex = -1;
+    float pixelAspect = 1.0f;
+    int probedWidth = 0, probedHeight = 0;
 
-    MediaInstance instance; // the decoding thread's alone once it runs
-    DecodedAudio audio;     // locks itself
+    // Cleared by the decoding thread when the video yields no picture from
+    // the start of the stream to its end: the file then plays as sound.
+    std::atomic<bool> hasVideo{false};
+
+    // The decoding thread's alone once it runs.
+    MediaInstance instance;
+    // The library converts pictures of the size it was set up with: after a
+    // change of size the instance decodes with a copy of the probed record
+    // that carries the new one.
+    std::shared_ptr<MediaInfo> instanceInfo;
+    int instanceWidth = 0, instanceHeight = 0;
+    int64_t plannedFrameBytes = 0; // the picture size the budget was split for
+    int64_t budget;                // the cache's share
+    int64_t chunkFrames = 8;       // pictures a backward chunk holds before they go into the cache
+    int switchesWithoutPicture = 0;
+    // Whether the input's last repositioning went to the start of the
+    // stream, and whether a picture (of any size) came out since.
+    bool passFromStart = true, passHadPicture = false;
+
+    DecodedAudio audio; // locks itself
 
     mutable std::mutex mutex; // guards everything below
     std::condition_variable wake, progress;
@@ -79,6 +101,14 @@ struct Player::Impl {
     bool audioInStep = true;    // the audio cache follows forward decoding
     bool audioEnded = false;    // the input has no more packets
     bool instanceAtNewest = true;
+    // The newest picture decoded forwards ends where its successor starts;
+    // until that or the end of the stream comes, its end is a guess
+    // (start + step). Its start while so, else -1.
+    int64_t openPictureStart = -1;
+    bool noPictures = false; // a pass from the start reached the end without one
+    // Audio records keep their stream's times; the clock counts from the
+    // first picture (or, without pictures, from the first sound).
+    int64_t audioOffset = 0;
     VideoList drained; // pictures of the final drain waiting for room in the cache
     std::shared_ptr<DecodedAudioFrame> heldAudio; // a first frame waiting for its successor
     bool holdFirstAudio = true;
@@ -91,9 +121,13 @@ struct Player::Impl {
     void DecodeChunkBefore(int64_t start, std::unique_lock<std::mutex>& lock);
     bool DecodeCall(VideoList& video, AudioList& audio, int64_t target, std::unique_lock<std::mutex>& lock);
     void Reposition(int64_t time);
-    void AppendForward(const std::shared_ptr<DecodedVideoFrame>& frame);
+    bool AppendForward(const std::shared_ptr<DecodedVideoFrame>& frame);
+    bool FollowSizeChange(const DecodedVideoFrame& placeholder, std::unique_lock<std::mutex>& lock);
+    int64_t FrameBytes(int width, int height) const;
+    void PlanBudget(int width, int height);
     void AppendAudio(const AudioList& frames);
     void PushAudio(std::shared_ptr<DecodedAudioFrame> frame);
+    int64_t SoundStart();
     void ClearCaches();
     int64_t Now() const { return int64_t(position); }
     int64_t LastPosition() const { return duration > 0 ? duration - 1 : kForever; }
@@ -103,6 +137,12 @@ struct Player::Impl {
             duration = end + 1;
     }
     bool Covers(int64_t time) const { return video.GetFrame(time, 0) != nullptr; }
+    // The cache holds the frame for time, and knows where it ends.
+    bool Settled(const std::shared_ptr<DecodedVideoFrame>& frame) const
+    {
+        return frame && (frame->startTime != openPictureStart || frame != video.LastFrame());
+    }
+    bool Settled(int64_t time) const { return Settled(video.GetFrame(time, 0)); }
     void Wake()
     {
         idle = false;
