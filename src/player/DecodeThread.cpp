@@ -110,6 +110,9 @@ void Player::Impl::ClearCaches()
     holdFirstAudio = true;
     endReached = audioEnded = startReached = false;
     openPictureStart = -1;
+    landBy = -1;
+    resumeEarly = 0;
+    landingSounds.clear();
     mediaEnd = isImage || duration <= 0 ? kForever : std::max(duration, step);
 }
 
@@ -174,7 +177,8 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
     audioInStep = true;
     ++stats.seeks;
     int64_t early = largeSeekOffset ? kSecond : 0;
-    for (bool again = true; again;) {
+    bool handedOn = false; // to forward decoding, after a change of size
+    for (bool again = true; again && !handedOn;) {
         again = false;
         lock.unlock();
         Reposition(target - early);
@@ -184,7 +188,7 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
         // The latest picture too early to keep: it covers the target when
         // the next one starts after it (a long frame).
         std::shared_ptr<DecodedVideoFrame> before;
-        for (int calls = 0; calls < kMaxCallsPerJob && !quit && seekTo == target && !again; ++calls) {
+        for (int calls = 0; calls < kMaxCallsPerJob && !quit && seekTo == target && !again && !handedOn; ++calls) {
             VideoList pictures;
             AudioList sounds;
             // The library leaves the pictures far before the target
@@ -213,17 +217,14 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
                 auto append = [&](const std::shared_ptr<DecodedVideoFrame>& next) {
                     if (AppendForward(next) || !FollowSizeChange(*next, lock))
                         return true;
-                    // Set up for the new size: on from the newest cached
-                    // picture, or the whole pass again when none is left.
+                    // Set up for the new size: forward decoding goes on from
+                    // the newest cached picture, or the whole pass again
+                    // when none is left.
                     if (video.GetFrameCount() == 0) {
                         ClearCaches();
                         again = true;
                     } else {
-                        const int64_t newest = video.LastFrame()->startTime;
-                        lock.unlock();
-                        Reposition(newest - (largeSeekOffset ? kSecond : 0));
-                        lock.lock();
-                        before.reset();
+                        handedOn = true;
                     }
                     return false;
                 };
@@ -235,7 +236,7 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
                     break;
             }
             progress.notify_all();
-            if (landedLate || again || !more ||
+            if (landedLate || again || handedOn || !more ||
                 (!hasVideo && audio.GetEndTime() >= target + audioOffset + kAudioAhead) ||
                 (hasVideo && (endReached || video.IsCacheFull() ||
                               (Covers(target) && video.GetEndTime() > target + step))))
@@ -250,7 +251,7 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
         early = early == 0 ? kSecond : 2 * early;
         again = true;
     }
-    instanceAtNewest = true;
+    instanceAtNewest = !handedOn;
 }
 
 void Player::Impl::DecodeForward(std::unique_lock<std::mutex>& lock)
@@ -259,10 +260,13 @@ void Player::Impl::DecodeForward(std::unique_lock<std::mutex>& lock)
         // A backward chunk or a change of size moved the input: go back to
         // the newest picture.
         drained.clear();
+        landingSounds.clear();
         const int64_t newest = video.LastFrame() ? video.LastFrame()->startTime : Now();
+        const int64_t from = newest - resumeEarly - (largeSeekOffset ? kSecond : 0);
         lock.unlock();
-        Reposition(newest - (largeSeekOffset ? kSecond : 0));
+        Reposition(from);
         lock.lock();
+        landBy = from > 0 ? newest : -1;
         instanceAtNewest = true;
     }
     VideoList pictures = std::exchange(drained, VideoList());
@@ -270,7 +274,25 @@ void Player::Impl::DecodeForward(std::unique_lock<std::mutex>& lock)
     if (pictures.isEmpty()) {
         AudioList sounds;
         more = DecodeCall(pictures, sounds, -1, lock);
-        AppendAudio(sounds);
+        if (landBy >= 0)
+            landingSounds += sounds;
+        else
+            AppendAudio(sounds);
+    }
+    if (landBy >= 0 && (!pictures.isEmpty() || !more)) {
+        // Some seeks (MPEG-TS) land after the key frame, and the pictures
+        // before the first one out would be missing: the first must come
+        // by the newest cached picture, else go further back.
+        const bool late = pictures.isEmpty() || !pictures[0]->data || pictures[0]->startTime > landBy;
+        landBy = -1;
+        if (late) {
+            resumeEarly = resumeEarly == 0 ? kSecond : 2 * resumeEarly;
+            instanceAtNewest = false;
+            progress.notify_all();
+            return;
+        }
+        resumeEarly = 0;
+        AppendAudio(std::exchange(landingSounds, AudioList()));
     }
     for (int i = 0; i < pictures.size(); ++i) {
         // The drain at the end gives every picture held back at once: take

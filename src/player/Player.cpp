@@ -69,6 +69,9 @@ bool Player::Open(const QString& path, bool isImage, int64_t imageDuration)
     d.stats.videoCacheBudget = d.budget;
     d.openPictureStart = -1;
     d.noPictures = false;
+    d.landBy = -1;
+    d.resumeEarly = 0;
+    d.landingSounds.clear();
     d.seekTo.reset();
     d.endReached = d.audioEnded = d.startReached = false;
     d.instanceAtNewest = d.audioInStep = true;

@@ -101,6 +101,11 @@ struct Player::Impl {
     bool audioInStep = true;    // the audio cache follows forward decoding
     bool audioEnded = false;    // the input has no more packets
     bool instanceAtNewest = true;
+    // After forward decoding moved the input back to the newest picture, the
+    // first picture out must start by landBy (-1: no check pending); till
+    // then its sound waits. resumeEarly: how much further back to go.
+    int64_t landBy = -1, resumeEarly = 0;
+    AudioList landingSounds;
     // The newest picture decoded forwards ends where its successor starts;
     // until that or the end of the stream comes, its end is a guess
     // (start + step). Its start while so, else -1.
