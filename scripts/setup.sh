@@ -12,6 +12,7 @@ packages=(
   ffmpeg
   portaudio19-dev
   xvfb xauth pulseaudio pulseaudio-utils libasound2-plugins
+  valgrind
 )
 
 missing=()

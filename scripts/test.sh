@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Set-up, then the whole test suite through ctest: once in a normal build,
+# Set-up, then the whole test suite through ctest: once in a normal build
+# (with the `memcheck` label, which runs under valgrind),
 # once in an AddressSanitizer + UndefinedBehaviorSanitizer build (clang);
 # then a minute of each fuzz target; then the tests labelled `threads` in a
 # ThreadSanitizer build (clang).

@@ -23,7 +23,7 @@ class MOLVANEAV_EXPORT Player
 {
 public:
     struct Stats {
-        int64_t videoCacheBudget = 0;       // bytes
+        int64_t videoCacheBudget = 0;       // bytes, the largest the cache was given
         int64_t peakVideoCacheBytes = 0;    // largest cache size after an append
         int64_t largestFrameBytes = 0;
         int64_t decodedPictures = 0;
@@ -47,6 +47,9 @@ public:
     void Close();
 
     std::shared_ptr<const MediaInfo> Info() const;
+    // False for a file whose video yields no picture from the start of the
+    // stream to its end, once decoding has found that out; it then plays as
+    // sound alone.
     bool HasVideo() const;
     bool HasAudio() const;
     int64_t Duration() const;               // µs from the first frame to the end of the media
@@ -64,9 +67,12 @@ public:
 
     // The frame the cache holds for time now, or null. Its pixels, size and
     // startTime stay as they are; its endTime belongs to the engine, which
-    // moves it while the frame is cached.
-    std::shared_ptr<DecodedVideoFrame> FrameAt(int64_t time) const;
-    // Waits until the cache holds the frame for time, or decoding cannot bring it.
+    // moves it while the frame is cached. settled says whether its end is
+    // known: the newest picture decoded ends where its successor starts, and
+    // until that comes a later frame may be the one for time.
+    std::shared_ptr<DecodedVideoFrame> FrameAt(int64_t time, bool* settled = nullptr) const;
+    // Waits until the cache holds the frame for time with its end known, or
+    // decoding cannot bring it.
     std::shared_ptr<DecodedVideoFrame> WaitFrameAt(int64_t time);
     // Waits until the audio cache reaches time, or decoding cannot bring more.
     void WaitAudio(int64_t time);

@@ -12,7 +12,9 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
+#include <algorithm>
 #include <array>
+#include <climits>
 #include <cmath>
 #include <cstring>
 
@@ -38,6 +40,20 @@ bool IsEmpty(const AVPacket* packet)
 // Widths beyond this cannot describe an RGB24 row in an int.
 constexpr int32_t kMaxOutputWidth = 0x3FFFFFFF / 3;
 
+// FFmpeg's converters write up to 16 pixels at a time and drop the last
+// block of a row that its stride cannot hold: scale into rows of whole
+// blocks, aligned for its vector stores, with room after the last one.
+constexpr int kScalerPixelBlock = 16;
+constexpr int kScalerAlignment = 64;
+constexpr int kScalerTailPadding = 64;
+
+int ScaledStride(int32_t width)
+{
+    const int64_t pixels = (int64_t(width) + kScalerPixelBlock - 1) / kScalerPixelBlock * kScalerPixelBlock;
+    const int64_t stride = (3 * pixels + kScalerAlignment - 1) / kScalerAlignment * kScalerAlignment;
+    return stride <= INT32_MAX ? int(stride) : 0;
+}
+
 } // namespace
 
 VideoDecoder::VideoDecoder()
@@ -57,7 +73,8 @@ VideoDecoder::VideoDecoder()
       rgbFrame(nullptr),
       rgbBuffer(nullptr),
       rgbBufferSize(0),
-      scaler(nullptr)
+      scaler(nullptr),
+      scaledStride(0)
 {
 }
 
@@ -102,11 +119,13 @@ bool VideoDecoder::Setup(AVCodecContext* context, const AVRational& timeBase, in
         ? static_cast<int32_t>(scaledWidth)
         : 0;
     // FFmpeg rounds each row up to this alignment, which makes every row 3 ×
-    // width bytes rounded up to a multiple of 4.
+    // width bytes rounded up to a multiple of 4: the records' layout.
     const int alignment = ((4 - (3 * outputWidth) % 4) % 4) + 1;
     rgbBufferSize = av_image_get_buffer_size(AV_PIX_FMT_RGB24, outputWidth, height, alignment);
-    if (rgbBufferSize > 0)
-        rgbBuffer = static_cast<uint8_t*>(av_mallocz(static_cast<size_t>(rgbBufferSize)));
+    scaledStride = ScaledStride(outputWidth);
+    const int64_t scaledBytes = int64_t(scaledStride) * std::max(height, 0) + kScalerTailPadding;
+    if (rgbBufferSize > 0 && scaledStride > 0 && scaledBytes <= INT32_MAX)
+        rgbBuffer = static_cast<uint8_t*>(av_mallocz(static_cast<size_t>(scaledBytes)));
 
     if (frame == nullptr || rgbFrame == nullptr || rgbBuffer == nullptr ||
         av_image_fill_arrays(rgbFrame->data, rgbFrame->linesize, rgbBuffer, AV_PIX_FMT_RGB24, outputWidth, height,
@@ -118,6 +137,7 @@ bool VideoDecoder::Setup(AVCodecContext* context, const AVRational& timeBase, in
         rgbBufferSize = 0;
         return false;
     }
+    rgbFrame->linesize[0] = scaledStride;
     sourceWidth = width;
     sourceHeight = height;
     return true;
@@ -140,6 +160,19 @@ void VideoDecoder::Decode(AVPacket* packet, QList<std::shared_ptr<DecodedVideoFr
     bool draining = false;
 
     int result = avcodec_send_packet(codecContext, packet);
+    // A decoder may refuse a packet until the pictures waiting in it are
+    // taken out: take them, then offer the packet again.
+    while (result == AVERROR(EAGAIN)) {
+        const int received = avcodec_receive_frame(codecContext, frame);
+        if (received < 0) {
+            // Neither taking nor giving: offering again would never end.
+            result = received == AVERROR(EAGAIN) ? AVERROR_BUG : received;
+            break;
+        }
+        ConvertPicture(frames, targetTime);
+        av_frame_unref(frame);
+        result = avcodec_send_packet(codecContext, packet);
+    }
     if (result < 0 && result != AVERROR_EOF) {
         Logger::GetInstance()->Error("Error decoding video packet.");
         return;
@@ -223,24 +256,18 @@ bool VideoDecoder::ConvertPicture(QList<std::shared_ptr<DecodedVideoFrame>>& fra
         Logger::GetInstance()->Error("Error decoding video packet.");
         return true;
     }
-    // Scale straight into the record's own buffer: copying a converted
-    // picture costs as much again as a tenth of the decode. Its layout is
-    // the one rgbFrame describes; the row padding the scaler leaves alone
-    // is zeroed so records depend on the picture alone.
+    ApplyColorspace();
+    sws_scale(scaler, frame->data, frame->linesize, 0, height, rgbFrame->data, rgbFrame->linesize);
+
+    // The record keeps the rows in its own layout; the padding of each row is zero.
     auto record = std::make_shared<DecodedVideoFrame>(nullptr, 0, outputWidth, height, startTime, frameRate,
                                                       rotation, isLinearColorSpace);
-    record->data = new uint8_t[static_cast<size_t>(rgbBufferSize)];
+    record->data = new uint8_t[static_cast<size_t>(rgbBufferSize)]();
     record->size = rgbBufferSize;
-    uint8_t* const planes[4] = {record->data, nullptr, nullptr, nullptr};
-    const int stride = rgbFrame->linesize[0];
-    const int strides[4] = {stride, 0, 0, 0};
-    sws_scale(scaler, frame->data, frame->linesize, 0, height, planes, strides);
-    const int rowBytes = 3 * outputWidth;
-    if (stride > rowBytes) {
-        for (int row = 0; row < height; ++row)
-            std::memset(record->data + static_cast<size_t>(row) * stride + rowBytes, 0,
-                        static_cast<size_t>(stride - rowBytes));
-    }
+    const size_t rowBytes = static_cast<size_t>(3 * outputWidth);
+    const size_t recordStride = static_cast<size_t>(rgbBufferSize / std::max(height, 1));
+    for (int row = 0; row < height; ++row)
+        std::memcpy(record->data + row * recordStride, rgbBuffer + static_cast<size_t>(row) * scaledStride, rowBytes);
     if (isLinearColorSpace) {
         const auto& gamma = GammaTable();
         for (int32_t i = 0; i < record->size; ++i)
@@ -248,4 +275,27 @@ bool VideoDecoder::ConvertPicture(QList<std::shared_ptr<DecodedVideoFrame>>& fra
     }
     frames.append(std::move(record));
     return true;
+}
+
+void VideoDecoder::ApplyColorspace()
+{
+    int* inverseTable = nullptr;
+    int* table = nullptr;
+    int sourceFull = 0, destinationFull = 0, brightness = 0, contrast = 0, saturation = 0;
+    if (sws_getColorspaceDetails(scaler, &inverseTable, &sourceFull, &table, &destinationFull, &brightness, &contrast,
+                                 &saturation) < 0)
+        return;
+    // The picture's matrix, BT.601 when it names none; its range when it
+    // names one, else what the scaler takes from the pixel format.
+    const int matrix = frame->colorspace;
+    const int* coefficients =
+        sws_getCoefficients(matrix >= 1 && matrix <= 10 && matrix != AVCOL_SPC_YCGCO ? matrix : SWS_CS_ITU601);
+    const int full = frame->color_range == AVCOL_RANGE_UNSPECIFIED ? sourceFull
+                                                                    : frame->color_range == AVCOL_RANGE_JPEG;
+    // Telling the scaler rebuilds its tables: only when they differ. The
+    // cached scaler may have been made anew at the same address, so ask it.
+    if (full == sourceFull && std::equal(coefficients, coefficients + 4, inverseTable))
+        return;
+    sws_setColorspaceDetails(scaler, coefficients, full, coefficients, destinationFull, brightness, contrast,
+                             saturation);
 }

@@ -34,7 +34,9 @@ public:
                bool isLinearColorSpace);
     // Sends one packet (an empty one drains the decoder) and appends at most
     // one picture, or all remaining ones and an end-of-stream marker when
-    // draining a movie. targetTime >= 0 drops frames more than
+    // draining a movie. A decoder that refuses the packet until its waiting
+    // pictures are taken out gives those first, so such a call can append
+    // more. targetTime >= 0 drops frames more than
     // Settings::maxTrailingFramesAfterSeek frames before it.
     void Decode(AVPacket* packet, QList<std::shared_ptr<DecodedVideoFrame>>& frames, int64_t targetTime);
     // Forgets the context and frees the frames and buffer; keeps the scaler.
@@ -46,6 +48,8 @@ private:
     // dropped by the trailing-frame filter, or stood in for by a size-change
     // placeholder.
     bool ConvertPicture(QList<std::shared_ptr<DecodedVideoFrame>>& frames, int64_t targetTime);
+    // Gives the scaler the picture's own colour matrix and range.
+    void ApplyColorspace();
 
     AVCodecContext* codecContext;
     double microsecondsPerTick;
@@ -64,4 +68,7 @@ private:
     uint8_t* rgbBuffer;
     int32_t rgbBufferSize;
     SwsContext* scaler;
+    // The scaler's target: rows wider than the record's and a padded end,
+    // since FFmpeg's converters write whole blocks of pixels.
+    int32_t scaledStride;
 };

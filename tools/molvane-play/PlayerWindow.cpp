@@ -124,11 +124,13 @@ void PlayerWindow::TickOnce(int64_t wallMicros)
     if (!device || !device->IsOpen())
         player.Advance(wallMicros);
     const int64_t position = HeardPosition();
+    bool settled = true;
     const std::shared_ptr<DecodedVideoFrame> frame =
-        waitForFrames ? player.WaitFrameAt(position) : player.FrameAt(position);
+        waitForFrames ? player.WaitFrameAt(position) : player.FrameAt(position, &settled);
     ++ticks;
     shown.position = position;
-    shown.late = player.HasVideo() && !frame;
+    // The newest picture stands in while its successor is decoded: late.
+    shown.late = player.HasVideo() && (!frame || !settled);
     lateTicks += shown.late ? 1 : 0;
     if (frame) {
         shown.frameStart = frame->startTime;

@@ -115,8 +115,14 @@ int RunWindow(int argc, char** argv)
                           : speed < 0           ? end - 1
                                                 : 0;
     window.SeekTo(std::clamp<int64_t>(start, 0, std::max<int64_t>(0, end - 1)));
-    // The first picture is up before the clock starts.
+    // The first picture is up before the clock starts. By then a video that
+    // yields no picture at all is known.
+    const bool hadVideo = player.HasVideo();
     player.WaitFrameAt(player.Position());
+    if (hadVideo && !player.HasVideo() && !player.HasAudio()) {
+        std::fprintf(stderr, "molvane-play: no picture of %s could be decoded\n", qPrintable(file));
+        return 1;
+    }
     window.TickOnce(0);
     window.Play(speed);
 

@@ -186,11 +186,27 @@ int main(int argc, char** argv)
     const int64_t end = player.Duration();
     // A stream that does not say how long it is plays until its end is found.
     const bool openEnded = end <= 0 && requested <= 0;
-    const int64_t tick = player.HasVideo() ? player.FrameStep() : 40000; // wall time per display tick
     int64_t start = parser.isSet("start") ? int64_t(parser.value("start").toDouble() * kSecond)
                     : speed < 0           ? end - 1
                                           : 0;
     start = std::clamp<int64_t>(start, 0, std::max<int64_t>(0, end - 1));
+    // The direction first: a jump made while playing backwards keeps the
+    // pictures before its target.
+    player.SetSpeed(speed);
+    player.Seek(start);
+    // Like any player, show the first picture before the clock starts. By
+    // then a video that yields no picture at all is known.
+    const bool hadVideo = player.HasVideo();
+    player.WaitFrameAt(player.Position());
+    if (hadVideo && !player.HasVideo()) {
+        if (!player.HasAudio()) {
+            std::fprintf(stderr, "molvane-play: no picture of %s could be decoded\n", qPrintable(file));
+            return 1;
+        }
+        std::fprintf(stderr, "molvane-play: no picture of %s could be decoded; playing its sound\n",
+                     qPrintable(file));
+    }
+    const int64_t tick = player.HasVideo() ? player.FrameStep() : 40000; // wall time per display tick
     const int64_t span = requested > 0 ? requested : int64_t(double(speed < 0 ? start : end - start) / std::abs(speed));
     const int64_t ticks = openEnded && speed > 0 ? std::numeric_limits<int64_t>::max()
                                                  : std::max<int64_t>(1, (span + tick - 1) / tick);
@@ -213,10 +229,6 @@ int main(int argc, char** argv)
     QTextStream ticksOut(&csv);
     ticksOut << "play_time_us,frame_start_us,late\n";
 
-    // The direction first: a jump made while playing backwards keeps the
-    // pictures before its target.
-    player.SetSpeed(speed);
-    player.Seek(start);
     std::mt19937_64 random(1);
     std::vector<int16_t> samples;
     Envelope heard(channels); // the waveform of a file without video
@@ -225,8 +237,6 @@ int main(int argc, char** argv)
     std::shared_ptr<DecodedVideoFrame> shown;
     int64_t late = 0, silentBuffers = 0, samplesWritten = 0;
     const bool progress = isatty(STDERR_FILENO);
-    // Like any player, show the first picture before the clock starts.
-    player.WaitFrameAt(player.Position());
     QElapsedTimer wall;
     wall.start();
     std::vector<double> seekMillis; // from a jump to its frame, in the virtual clock's mode
@@ -239,18 +249,21 @@ int main(int argc, char** argv)
         }
         const int64_t now = player.Position();
         std::shared_ptr<DecodedVideoFrame> frame;
+        bool settled = true;
         if (realtime) {
             const int64_t due = i * tick;
             if (wall.nsecsElapsed() / 1000 < due)
                 QThread::usleep(unsigned(due - wall.nsecsElapsed() / 1000));
-            frame = player.FrameAt(now);
+            // A display cannot wait: it shows the newest picture while the
+            // one after it, which may start before now, is not decoded yet.
+            frame = player.FrameAt(now, &settled);
         } else {
             frame = player.WaitFrameAt(now);
             if (jump.isValid())
                 seekMillis.push_back(double(jump.nsecsElapsed()) / 1e6);
             player.WaitAudio(now + int64_t(std::abs(speed) * double(tick)) + kSecond / 10);
         }
-        const bool isLate = player.HasVideo() && !frame;
+        const bool isLate = player.HasVideo() && (!frame || !settled);
         if (frame)
             shown = frame;
         late += isLate ? 1 : 0;

@@ -1,0 +1,448 @@
+#include "PlayerImpl.h"
+
+#include <algorithm>
+#include <chrono>
+
+namespace molvane {
+
+void Player::Impl::Run()
+{
+    std::unique_lock<std::mutex> lock(mutex);
+    while (!quit) {
+        if (noPictures && hasVideo) {
+            // Decoding went from the start of the stream to its end without
+            // a picture: the file plays as sound alone, from the clock on,
+            // which then counts from the first sound.
+            hasVideo = false;
+            ClearCaches();
+            if (hasAudio) {
+                lock.unlock();
+                const int64_t soundStart = SoundStart();
+                lock.lock();
+                audioOffset = soundStart;
+                seekTo = Now();
+            }
+            progress.notify_all();
+            continue;
+        }
+        if (seekTo) {
+            const int64_t target = *seekTo;
+            ExactSeek(target, lock);
+            if (seekTo == target)
+                seekTo.reset();
+            progress.notify_all();
+            continue;
+        }
+        const int64_t now = Now();
+        if (hasVideo) {
+            video.UpdateCache(now, mediaEnd, speed != 0.0, speed >= 0.0);
+            // Keep the audio from the cached pictures and the play position
+            // on: sound decoded ahead of the pictures is not decoded again.
+            audio.UpdateCache(std::min(now, video.GetStartTime()) + audioOffset - kSecond, kForever);
+            // Frames dropped at either end take the reached end with them.
+            // An empty cache at the end found nothing up to it: decoding
+            // again would find nothing again.
+            const auto newest = video.LastFrame(), oldest = video.FirstFrame();
+            if (endReached && !isImage && newest && newest->endTime < mediaEnd) {
+                endReached = false;
+                instanceAtNewest = false;
+            }
+            if (startReached && (!oldest || oldest->startTime > startReachedAt))
+                startReached = false;
+            if (video.CanCacheForwards() && !endReached) {
+                DecodeForward(lock);
+                continue;
+            }
+            if (video.CanCacheBackwards() && video.GetStartTime() > 0 && !startReached) {
+                DecodeChunkBefore(video.GetStartTime(), lock);
+                continue;
+            }
+        } else if (hasAudio && !audioEnded &&
+                   (audio.GetFrameCount() == 0 || audio.GetEndTime() < now + audioOffset + kAudioAhead)) {
+            audio.UpdateCache(now + audioOffset - kSecond, now + audioOffset + 2 * kAudioAhead);
+            DecodeForward(lock);
+            continue;
+        }
+        idle = true;
+        progress.notify_all();
+        wake.wait(lock, [&] { return quit || !idle; });
+    }
+    progress.notify_all();
+}
+
+// One DecodePacket outside the lock; false when the input has no more packets.
+bool Player::Impl::DecodeCall(VideoList& videoFrames, AudioList& audioFrames, int64_t target,
+                              std::unique_lock<std::mutex>& lock)
+{
+    lock.unlock();
+    const auto begin = std::chrono::steady_clock::now();
+    const bool more = instance.HasPacket();
+    if (more)
+        instance.DecodePacket(audioFrames, videoFrames, target);
+    const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - begin;
+    lock.lock();
+    stats.decodeSeconds += spent.count();
+    bool ended = !more;
+    for (const auto& frame : videoFrames) {
+        passHadPicture = passHadPicture || frame->data != nullptr;
+        ended = ended || frame->data == nullptr;
+        if (frame->data != nullptr && frame->status == 0) {
+            ++stats.decodedPictures;
+            stats.decodedMicros += step;
+        }
+    }
+    if (!hasVideo) {
+        for (const auto& frame : audioFrames)
+            stats.decodedMicros += frame->endTime - frame->startTime + 1;
+    }
+    if (ended && hasVideo && !isImage && passFromStart && !passHadPicture)
+        noPictures = true;
+    return more;
+}
+
+void Player::Impl::ClearCaches()
+{
+    drained.clear();
+    video.Clear();
+    audio.Clear();
+    audio.FlushPaBuffer();
+    heldAudio.reset();
+    holdFirstAudio = true;
+    endReached = audioEnded = startReached = false;
+    openPictureStart = -1;
+    landBy = -1;
+    resumeEarly = 0;
+    landingSounds.clear();
+    mediaEnd = isImage || duration <= 0 ? kForever : std::max(duration, step);
+}
+
+// Positions the input so that the next picture decoded is the first at or
+// after time's key frame; at or before 0 the file is reopened, since a seek
+// to 0 can land past the first picture.
+void Player::Impl::Reposition(int64_t time)
+{
+    passFromStart = time <= 0 || isImage;
+    passHadPicture = false;
+    if (passFromStart)
+        instance.CloseInput();
+    else
+        instance.Seek(time + streamStart);
+}
+
+// Sets the input up for the size of a placeholder the cache wants, to be
+// repositioned by the caller. False when it gives up on that size: the
+// picture is then missing. Pictures larger than any before split the budget
+// again, which empties the caches: the play position is decoded again.
+bool Player::Impl::FollowSizeChange(const DecodedVideoFrame& placeholder, std::unique_lock<std::mutex>& lock)
+{
+    if (placeholder.width < 1 || placeholder.height < 1 || switchesWithoutPicture >= kMaxSizeSwitches)
+        return false;
+    ++switchesWithoutPicture;
+    std::shared_ptr<MediaInfo> sized = info;
+    if (placeholder.width != probedWidth || placeholder.height != probedHeight) {
+        sized = std::make_shared<MediaInfo>(*info);
+        for (VideoStream& stream : sized->videoStreams) {
+            if (stream.index == videoStreamIndex) {
+                stream.width = placeholder.width;
+                stream.height = placeholder.height;
+            }
+        }
+    }
+    lock.unlock();
+    // One decoder at a time: the budget counts the pictures of one.
+    instance.Shutdown();
+    instance = MediaInstance();
+    const bool ready = instance.Initialize(sized, 0);
+    lock.lock();
+    if (!ready)
+        return false;
+    instanceInfo = sized;
+    instanceWidth = placeholder.width;
+    instanceHeight = placeholder.height;
+    instanceAtNewest = false;
+    drained.clear();
+    // Smaller pictures fit the split made for larger ones.
+    if (FrameBytes(instanceWidth, instanceHeight) > plannedFrameBytes) {
+        PlanBudget(instanceWidth, instanceHeight);
+        ClearCaches();
+        if (!seekTo)
+            seekTo = Now();
+    }
+    return true;
+}
+
+void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
+{
+    ClearCaches();
+    audioInStep = true;
+    ++stats.seeks;
+    int64_t early = largeSeekOffset ? kSecond : 0;
+    bool handedOn = false; // to forward decoding, after a change of size
+    for (bool again = true; again && !handedOn;) {
+        again = false;
+        lock.unlock();
+        Reposition(target - early);
+        lock.lock();
+        holdFirstAudio = true;
+        bool first = true, landedLate = false;
+        // The latest picture too early to keep: it covers the target when
+        // the next one starts after it (a long frame).
+        std::shared_ptr<DecodedVideoFrame> before;
+        for (int calls = 0; calls < kMaxCallsPerJob && !quit && seekTo == target && !again && !handedOn; ++calls) {
+            VideoList pictures;
+            AudioList sounds;
+            // The library leaves the pictures far before the target
+            // unconverted. Not too far: the filter ends a drain at the first
+            // picture it drops, and the pictures a decoder holds back for the
+            // drain must all come out.
+            const int64_t unconverted = target - early - std::max(kSecond * 2, 24 * step);
+            const bool more = DecodeCall(pictures, sounds, std::max<int64_t>(-1, unconverted), lock);
+            if (!landedLate)
+                AppendAudio(sounds);
+            for (const auto& picture : pictures) {
+                // A first picture after the target, or the end of the
+                // stream before any picture: the seek landed too late.
+                if (first && (!picture->data || picture->startTime > target) && target - early > 0) {
+                    landedLate = true;
+                    break;
+                }
+                first = false;
+                // Playing backwards, the pictures before the target come next:
+                // keep what a backward chunk would hold, decoded already.
+                const int64_t trailing = speed < 0.0 ? chunkFrames : kTrailingPictures;
+                if (picture->data && picture->startTime < target - trailing * step) {
+                    before = picture;
+                    continue;
+                }
+                auto append = [&](const std::shared_ptr<DecodedVideoFrame>& next) {
+                    if (AppendForward(next) || !FollowSizeChange(*next, lock))
+                        return true;
+                    // Set up for the new size: forward decoding goes on from
+                    // the newest cached picture, or the whole pass again
+                    // when none is left.
+                    if (video.GetFrameCount() == 0) {
+                        ClearCaches();
+                        again = true;
+                    } else {
+                        handedOn = true;
+                    }
+                    return false;
+                };
+                if (before && video.GetFrameCount() == 0 && (!picture->data || picture->startTime > target) &&
+                    !append(std::exchange(before, nullptr)))
+                    break;
+                before.reset();
+                if (!append(picture))
+                    break;
+            }
+            progress.notify_all();
+            if (landedLate || again || handedOn || !more ||
+                (!hasVideo && audio.GetEndTime() >= target + audioOffset + kAudioAhead) ||
+                (hasVideo && (endReached || video.IsCacheFull() ||
+                              (Covers(target) && video.GetEndTime() > target + step))))
+                break;
+        }
+        if (!landedLate)
+            continue;
+        // The seek landed after the target: no picture may be shown that
+        // does not cover it, so go further back and decode again.
+        ClearCaches();
+        ++stats.reseeks;
+        early = early == 0 ? kSecond : 2 * early;
+        again = true;
+    }
+    instanceAtNewest = !handedOn;
+}
+
+void Player::Impl::DecodeForward(std::unique_lock<std::mutex>& lock)
+{
+    if (!instanceAtNewest) {
+        // A backward chunk or a change of size moved the input: go back to
+        // the newest picture.
+        drained.clear();
+        landingSounds.clear();
+        const int64_t newest = video.LastFrame() ? video.LastFrame()->startTime : Now();
+        const int64_t from = newest - resumeEarly - (largeSeekOffset ? kSecond : 0);
+        lock.unlock();
+        Reposition(from);
+        lock.lock();
+        landBy = from > 0 ? newest : -1;
+        instanceAtNewest = true;
+    }
+    VideoList pictures = std::exchange(drained, VideoList());
+    bool more = true;
+    if (pictures.isEmpty()) {
+        AudioList sounds;
+        more = DecodeCall(pictures, sounds, -1, lock);
+        if (landBy >= 0)
+            landingSounds += sounds;
+        else
+            AppendAudio(sounds);
+    }
+    if (landBy >= 0 && (!pictures.isEmpty() || !more)) {
+        // Some seeks (MPEG-TS) land after the key frame, and the pictures
+        // before the first one out would be missing: the first must come
+        // by the newest cached picture, else go further back.
+        const bool late = pictures.isEmpty() || !pictures[0]->data || pictures[0]->startTime > landBy;
+        landBy = -1;
+        if (late) {
+            resumeEarly = resumeEarly == 0 ? kSecond : 2 * resumeEarly;
+            instanceAtNewest = false;
+            progress.notify_all();
+            return;
+        }
+        resumeEarly = 0;
+        AppendAudio(std::exchange(landingSounds, AudioList()));
+    }
+    for (int i = 0; i < pictures.size(); ++i) {
+        // The drain at the end gives every picture held back at once: take
+        // what the cache's policy makes room for and keep the rest until
+        // there is room; the decoder holds none of its own any more.
+        if (i > 0 && pictures[i]->data && video.IsCacheFull()) {
+            video.UpdateCache(Now(), mediaEnd, speed != 0.0, speed >= 0.0);
+            if (!video.CanCacheForwards()) {
+                drained = pictures.mid(i);
+                progress.notify_all();
+                return;
+            }
+        }
+        // After a change of size the rest comes again from the input set
+        // up for it.
+        if (!AppendForward(pictures[i]) && FollowSizeChange(*pictures[i], lock)) {
+            progress.notify_all();
+            return;
+        }
+    }
+    if (!more) {
+        endReached = audioEnded = true;
+        if (heldAudio)
+            PushAudio(std::exchange(heldAudio, nullptr));
+        mediaEnd = video.GetFrameCount() > 0 ? video.GetEndTime() : mediaEnd;
+        openPictureStart = -1;
+        if (!hasVideo && audio.GetFrameCount() > 0)
+            EndFound(audio.GetEndTime() - audioOffset);
+    }
+    progress.notify_all();
+}
+
+// Appends a picture decoded forwards. False for a size-change placeholder
+// the cache would take: the input must be set up for its size, and what
+// came after it decoded again.
+bool Player::Impl::AppendForward(const std::shared_ptr<DecodedVideoFrame>& picture)
+{
+    if (picture->data == nullptr) {
+        // The end of the stream: the last picture lasts to the media's end.
+        if (const auto last = video.LastFrame()) {
+            const int64_t end = isImage ? kForever : std::max(last->startTime + step, duration) - 1;
+            video.OverrideLastFrameEndTime(end);
+            mediaEnd = end;
+            EndFound(end);
+        }
+        endReached = true;
+        audioEnded = true;
+        openPictureStart = -1;
+        if (heldAudio)
+            PushAudio(std::exchange(heldAudio, nullptr));
+        return true;
+    }
+    const auto newest = video.LastFrame();
+    if (picture->status != 0) {
+        if (newest && picture->startTime <= newest->startTime)
+            return true; // cached already, in its own size
+        // It is the newest picture's successor, whatever its size.
+        if (newest && newest->startTime == openPictureStart) {
+            video.OverrideLastFrameEndTime(picture->startTime - 1);
+            openPictureStart = -1;
+        }
+        return false;
+    }
+    // Pictures before the cached range would be stretched over the gap to it.
+    if (video.GetFrameCount() > 0 && picture->startTime < video.GetStartTime())
+        return true;
+    picture->endTime = isImage ? kForever : picture->startTime + step - 1;
+    video.AppendFrame(picture);
+    if (video.LastFrame() == picture) {
+        openPictureStart = isImage ? -1 : picture->startTime;
+        switchesWithoutPicture = 0;
+    }
+    if (isImage) {
+        endReached = true;
+        mediaEnd = kForever;
+    }
+    stats.largestFrameBytes = std::max<int64_t>(stats.largestFrameBytes, picture->size);
+    stats.peakVideoCacheBytes = std::max(stats.peakVideoCacheBytes, video.GetSize());
+    return true;
+}
+
+void Player::Impl::DecodeChunkBefore(int64_t start, std::unique_lock<std::mutex>& lock)
+{
+    instanceAtNewest = false;
+    drained.clear();
+    audioInStep = false;
+    // A chunk costs a decode from the key frame before it: make it as long
+    // as its share of the budget holds, so that long GOPs are paid for less
+    // often.
+    for (int64_t chunk = chunkFrames * step;; chunk *= 2) {
+        const int64_t from = std::max<int64_t>(0, start - chunk);
+        lock.unlock();
+        Reposition(from - (largeSeekOffset && from > 0 ? kSecond : 0));
+        lock.lock();
+        VideoList pictures; // size-change placeholders among them
+        for (int calls = 0; calls < kMaxCallsPerJob && !quit && !seekTo; ++calls) {
+            VideoList out;
+            AudioList ignored; // reverse play is silent
+            // The library leaves the pictures before the chunk unconverted.
+            const bool more = DecodeCall(out, ignored, from, lock);
+            bool past = !more;
+            for (const auto& picture : out) {
+                past = past || picture->data == nullptr || picture->startTime >= start;
+                if (!past && picture->startTime + step > 0 && picture->startTime >= from - step) {
+                    // Only the newest pictures before start fit the chunk's share.
+                    if (pictures.size() >= chunkFrames)
+                        pictures.removeFirst();
+                    pictures.append(picture);
+                }
+            }
+            if (past)
+                break;
+        }
+        if (quit || seekTo || start != video.GetStartTime())
+            return;
+        startReached = pictures.isEmpty();
+        startReachedAt = start;
+        if (!pictures.isEmpty() || from == 0) {
+            // Newest first: each lands just before the oldest cached one, as
+            // long as the cache's policy makes room for it. The newest ends
+            // where the oldest cached picture starts.
+            int64_t successor = start;
+            bool appended = false, switched = false;
+            for (auto it = pictures.rbegin(); it != pictures.rend(); ++it) {
+                if ((*it)->status != 0) {
+                    // The older pictures have another size: the next chunk
+                    // decodes them with the input set up for it.
+                    if ((switched = FollowSizeChange(**it, lock)))
+                        break;
+                    continue;
+                }
+                video.UpdateCache(Now(), mediaEnd, speed != 0.0, speed >= 0.0);
+                if (!video.CanCacheBackwards() && video.GetFrameCount() > 0)
+                    break;
+                (*it)->endTime = successor - 1;
+                successor = (*it)->startTime;
+                video.AppendFrame(*it);
+                appended = true;
+                switchesWithoutPicture = 0;
+                stats.peakVideoCacheBytes = std::max(stats.peakVideoCacheBytes, video.GetSize());
+            }
+            // Only pictures of a size the input cannot be set up for:
+            // nothing before start can be shown.
+            const auto showable = [](const auto& picture) { return picture->status == 0; };
+            if (!appended && !switched && std::none_of(pictures.begin(), pictures.end(), showable))
+                startReached = true;
+            progress.notify_all();
+            return;
+        }
+    }
+}
+
+} // namespace molvane
