@@ -1,11 +1,54 @@
 #include "PlayerImpl.h"
 
+#include "foundation/FfmpegGuards.h"
+
 #include <MolvaneAV/MediaReader.h>
 
 #include <algorithm>
 #include <climits>
+#include <string>
 
 namespace molvane {
+
+namespace {
+
+// Whether the container marks a stream as an attached picture (cover art).
+// The library's stream records do not say; the container's header does,
+// read as any host may.
+bool IsAttachedPicture(const QString& path, int streamIndex)
+{
+    AVFormatContext* opened = nullptr;
+    const std::string url = path.toStdString();
+    if (streamIndex < 0 || avformat_open_input(&opened, url.c_str(), nullptr, nullptr) < 0)
+        return false;
+    const InputContextPtr input(opened);
+    return streamIndex < int(input->nb_streams) &&
+           (input->streams[streamIndex]->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0;
+}
+
+// The picture of a cover, decoded as a still: a movie's decoder would hold
+// it back until the end of the sound.
+std::shared_ptr<DecodedVideoFrame> DecodeCover(const MediaInfo& info)
+{
+    auto still = std::make_shared<MediaInfo>(info);
+    still->isImage = true;
+    still->audioStreams.clear();
+    MediaInstance instance;
+    std::shared_ptr<DecodedVideoFrame> cover;
+    QList<std::shared_ptr<DecodedAudioFrame>> sounds;
+    QList<std::shared_ptr<DecodedVideoFrame>> pictures;
+    if (instance.Initialize(still, 0)) {
+        for (int calls = 0; calls < 100 && !cover && instance.HasPacket(); ++calls) {
+            instance.DecodePacket(sounds, pictures, -1);
+            for (const auto& picture : pictures)
+                cover = !cover && picture->data && picture->status == 0 ? picture : cover;
+        }
+    }
+    instance.Shutdown();
+    return cover;
+}
+
+} // namespace
 
 Player::Player(int64_t videoCacheBytes) : impl(std::make_unique<Impl>(videoCacheBytes)) {}
 
@@ -53,10 +96,33 @@ bool Player::Open(const QString& path, bool isImage, int64_t imageDuration)
         d.probedHeight = d.instanceHeight = stream.height;
         d.PlanBudget(stream.width, stream.height);
     }
-    const int64_t duration = isImage ? imageDuration : std::max<int64_t>(0, info->GetDuration());
+    d.cover.reset();
+    if (d.hasVideo && d.hasAudio && !isImage && IsAttachedPicture(path, d.videoStreamIndex)) {
+        // Cover art: shown for the whole sound from its start, while the
+        // instance decodes the sound alone, as in a file without video.
+        d.cover = DecodeCover(*info);
+        if (d.cover)
+            d.cover->startTime = 0, d.cover->endTime = kForever;
+        auto sound = std::make_shared<MediaInfo>(*info);
+        sound->videoStreams.clear();
+        d.instance.Shutdown();
+        d.instance = MediaInstance();
+        if (!d.instance.Initialize(sound, 0) || !d.instance.HasPacket())
+            return false;
+        d.instanceInfo = sound;
+        d.hasVideo = false;
+        d.streamStart = 0;
+        d.step = 40000;
+    }
+    int64_t duration = isImage ? imageDuration : std::max<int64_t>(0, info->GetDuration());
     d.audioOffset = d.hasVideo ? d.streamStart : 0;
-    if (!d.hasVideo && d.hasAudio)
+    if (!d.hasVideo && d.hasAudio) {
         d.audioOffset = d.SoundStart();
+        // A length the sound goes past is unknown: it plays to its end,
+        // which decoding finds, as in a stream without a duration.
+        if (duration > 0 && d.SoundPastEnd(d.audioOffset + duration))
+            duration = 0;
+    }
     d.audio.SetMaxFrameCount(256);
     std::lock_guard<std::mutex> lock(d.mutex);
     d.quit = false;
@@ -98,6 +164,7 @@ void Player::Close()
     d.drained.clear();
     d.info.reset();
     d.instanceInfo.reset();
+    d.cover.reset();
     d.hasVideo = d.hasAudio = false;
 }
 
@@ -130,7 +197,7 @@ int64_t Player::Impl::FrameBytes(int width, int height) const
 }
 
 std::shared_ptr<const MediaInfo> Player::Info() const { return impl->info; }
-bool Player::HasVideo() const { return impl->hasVideo; }
+bool Player::HasVideo() const { return impl->hasVideo || impl->cover; }
 bool Player::HasAudio() const { return impl->hasAudio; }
 int64_t Player::Duration() const
 {
