@@ -161,16 +161,23 @@ void VideoDecoder::Decode(AVPacket* packet, QList<std::shared_ptr<DecodedVideoFr
 
     int result = avcodec_send_packet(codecContext, packet);
     // A decoder may refuse a packet until the pictures waiting in it are
-    // taken out: take them, then offer the packet again.
+    // taken out: take them, then offer the packet again. A receive can also
+    // only move input on inside the decoder (the halves of a VP9 superframe
+    // under frame threading) and give nothing; that is progress too, but
+    // never twice in a row.
+    bool idleReceive = false;
     while (result == AVERROR(EAGAIN)) {
         const int received = avcodec_receive_frame(codecContext, frame);
-        if (received < 0) {
-            // Neither taking nor giving: offering again would never end.
+        if (received >= 0) {
+            ConvertPicture(frames, targetTime);
+            av_frame_unref(frame);
+            idleReceive = false;
+        } else if (received != AVERROR(EAGAIN) || idleReceive) {
             result = received == AVERROR(EAGAIN) ? AVERROR_BUG : received;
             break;
+        } else {
+            idleReceive = true;
         }
-        ConvertPicture(frames, targetTime);
-        av_frame_unref(frame);
         result = avcodec_send_packet(codecContext, packet);
     }
     if (result < 0 && result != AVERROR_EOF) {

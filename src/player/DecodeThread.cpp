@@ -235,6 +235,10 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
                 if (!append(picture))
                     break;
             }
+            // The input ended before any picture, without even the end
+            // marker (the seek went past the last packet): too late as well.
+            if (!more && first && target - early > 0)
+                landedLate = true;
             progress.notify_all();
             if (landedLate || again || handedOn || !more ||
                 (!hasVideo && audio.GetEndTime() >= target + audioOffset + kAudioAhead) ||

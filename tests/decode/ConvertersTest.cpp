@@ -85,6 +85,7 @@ TEST(VideoConverter, PicturesMatchTheFfmpegProgramByteForByte)
         {"tone_cover1400.mp3", "tone_cover1400.mp3.rgb", 1400}, // a JPEG cover
         // libdav1d refuses packets until its pictures are taken out: none is lost.
         {"av1_aom.mkv", "av1_aom.mkv.rgb", 320},
+        {"vp9_2pass.webm", "vp9_2pass.webm.rgb", 161},
     };
     cases += SweepCases();
     ASSERT_GT(cases.size(), 5 * 72);

@@ -87,6 +87,18 @@ TEST(Player, ShowsThePaintedFrameOfEveryTickWhileADeviceThreadFillsAudio)
     // a frame out of reach returns then): the full cache recycles one picture
     // a tick, and the pictures of the final drain come in as room appears.
     ASSERT_TRUE(player.Open(MediaPath("h264_aac.mp4")));
+    EXPECT_EQ(player.WaitFrameAt(1900000), nullptr); // the cache full from 0 on
+    // The newest cached picture ends where its successor, not decoded yet,
+    // starts: until then its end is a guess, and a display is told so.
+    const int newest = player.GetCacheFill().framesAhead;
+    for (const auto& [time, index, known] : {std::tuple{newest * 40000 - 1, newest - 1, true},
+                                             {newest * 40000, newest, false}, {newest * 40000 + 39999, newest, false}}) {
+        bool settled = !known;
+        const auto cached = player.FrameAt(time, &settled);
+        ASSERT_TRUE(cached) << "at " << time;
+        EXPECT_EQ(PaintedIndex(*cached), index);
+        EXPECT_EQ(settled, known) << "at " << time;
+    }
     player.Seek(700000);
     player.SetSpeed(1.0);
     for (int64_t now = 700000; now < 2000000; now += 40000, player.Advance(40000)) {

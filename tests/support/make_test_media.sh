@@ -60,7 +60,8 @@ derive() {
     make "$name" -i "$out/$source" "$@"
 }
 
-for recipes in "$here"/*/media.sh; do
+# The shared catalogue first: the folders' recipes derive from its files.
+for recipes in "$here"/support/media.sh $(ls "$here"/*/media.sh | grep -v /support/); do
     # shellcheck source=/dev/null
     source "$recipes"
 done

@@ -15,6 +15,7 @@
 #include <QTemporaryDir>
 
 #include <algorithm>
+#include <iterator>
 
 using namespace molvane::test;
 
@@ -39,6 +40,35 @@ Outputs Play(const QString& out, const QStringList& arguments)
     return run;
 }
 
+// Start of every picture of a file's first video stream as the ffmpeg
+// program times it, the way the library does: the timestamp in µs less the
+// first picture's (or less nothing, when that is negative), truncated, and
+// no earlier than 0. Sorted.
+QList<qint64> FrameStarts(const QString& path)
+{
+    const ProgramRun probe = RunProgram("ffprobe", {"-v", "error", "-select_streams", "v:0", "-show_entries",
+                                                    "stream=time_base:frame=best_effort_timestamp", "-of",
+                                                    "default=noprint_wrappers=1", path});
+    EXPECT_EQ(probe.exitCode, 0) << probe.err.toStdString();
+    double microsPerTick = 0.0;
+    QList<qint64> stamps;
+    for (const QByteArray& line : probe.out.split('\n')) {
+        const QList<QByteArray> field = line.trimmed().split('=');
+        if (field.value(0) == "time_base") {
+            const QList<QByteArray> fraction = field.value(1).split('/');
+            microsPerTick = fraction.value(0).toDouble() / fraction.value(1).toDouble() * 1000000.0;
+        } else if (field.value(0) == "best_effort_timestamp" && field.value(1) != "N/A") {
+            stamps << field.value(1).toLongLong();
+        }
+    }
+    std::sort(stamps.begin(), stamps.end());
+    QList<qint64> starts;
+    const qint64 first = stamps.isEmpty() ? 0 : std::max<qint64>(0, qint64(double(stamps[0]) * microsPerTick));
+    for (const qint64 stamp : stamps)
+        starts << std::max<qint64>(0, qint64(double(stamp) * microsPerTick - double(first)));
+    return starts;
+}
+
 // Interleaved int16 samples of a file as the ffmpeg program decodes them.
 QByteArray Pcm(const QString& path)
 {
@@ -49,42 +79,59 @@ QByteArray Pcm(const QString& path)
 
 TEST(PlayTool, EveryTickShowsThePictureThatCoversItsPlayTime)
 {
-    // Clips of 25 fps: the picture covering t starts at t rounded down to 40 ms,
-    // up to the last picture, which lasts to the end.
+    // The picture covering t is the last to start at or before t, as the
+    // ffmpeg program times them; the last picture lasts to the end.
     const struct {
         const char* file;
         QStringList arguments;
-        qint64 lastStart;
         int minTicks;
         int seeksMadeAgain = -1; // -1: as many as the container needs
     } cases[] = {
-        {"h264_aac.mp4", {}, 1960000, 50},
-        {"h264_aac.mp4", {"--speed", "2"}, 1960000, 25},
+        {"h264_aac.mp4", {}, 50},
+        {"h264_aac.mp4", {"--speed", "2"}, 25},
         // The pictures of the final drain wait for room in a full cache.
-        {"h264_aac.mp4", {"--start", "0.7", "--cache-mb", "1"}, 1960000, 32},
-        {"h264_aac.mp4", {"--speed", "-1"}, 1960000, 49},
-        {"h264_aac.mp4", {"--start", "1.9"}, 1960000, 2},
+        {"h264_aac.mp4", {"--start", "0.7", "--cache-mb", "1"}, 32},
+        {"h264_aac.mp4", {"--speed", "-1"}, 49},
+        {"h264_aac.mp4", {"--start", "1.9"}, 2},
         // Closed GOPs in MP4: every jump lands before its target the first time.
-        {"h264_aac.mp4", {"--seek-every", "0.2"}, 1960000, 50, 0},
-        {"vp9.webm", {"--speed", "-1", "--cache-mb", "1"}, 2960000, 74},
-        {"hevc_open_gop.mp4", {"--seek-every", "0.2"}, 2960000, 75},
-        {"h264_open_gop.mp4", {"--seek-every", "0.2"}, 2960000, 75},
-        {"still.png", {"--image", "--duration", "1"}, 0, 25},
-        {"hevc_open_gop.mkv", {"--speed", "-1", "--seek-every", "0.1"}, 2960000, 74},
-        {"mpeg1.mpg", {"--seek-every", "0.3"}, 1960000, 50},
-        {"late_start.ts", {"--seek-every", "0.2"}, 1960000, 50},
-        {"negative_start_gop10.ts", {"--seek-every", "0.2"}, 2880000, 75},
+        {"h264_aac.mp4", {"--seek-every", "0.2"}, 50, 0},
+        {"vp9.webm", {"--speed", "-1", "--cache-mb", "1"}, 74},
+        {"hevc_open_gop.mp4", {"--seek-every", "0.2"}, 75},
+        {"h264_open_gop.mp4", {"--seek-every", "0.2"}, 75},
+        {"still.png", {"--image", "--duration", "1"}, 25},
+        {"hevc_open_gop.mkv", {"--speed", "-1", "--seek-every", "0.1"}, 74},
+        {"mpeg1.mpg", {"--seek-every", "0.3"}, 50},
+        {"late_start.ts", {"--seek-every", "0.2"}, 50},
+        {"negative_start_gop10.ts", {"--seek-every", "0.2"}, 75},
         // No duration in the file: it plays until its end is found.
-        {"open_ended.mkv", {}, 1960000, 50},
+        {"open_ended.mkv", {}, 50},
+        // Pictures 33 or 34 ms long against a step of 33.3 or 33.4 ms: the
+        // newest picture ends only where the next one starts.
+        {"vp9_30fps.webm", {}, 60},
+        {"vp9_30fps.webm", {"--speed", "-1"}, 60},
+        {"vp9_30fps.webm", {"--seek-every", "0.2"}, 60},
+        {"vp8_ntsc.webm", {}, 60},
+        {"vp8_ntsc.webm", {"--speed", "-1", "--cache-mb", "1"}, 60},
+        {"vp8_ntsc.webm", {"--seek-every", "0.2"}, 60},
+        {"hevc_ntsc.mkv", {}, 60},
+        {"hevc_ntsc.mkv", {"--speed", "-1"}, 60},
+        {"hevc_ntsc.mkv", {"--speed", "-1", "--seek-every", "0.1"}, 60},
+        // The picture size changes twice; the larger one splits the budget again.
+        {"ad_break.ts", {}, 75},
+        {"ad_break.ts", {"--speed", "-1"}, 75},
+        {"ad_break.ts", {"--seek-every", "0.2"}, 75},
+        {"ad_break.ts", {"--speed", "-1", "--seek-every", "0.1", "--cache-mb", "1"}, 75},
     };
     QTemporaryDir dir;
     for (const auto& c : cases) {
         SCOPED_TRACE((c.file + (" " + c.arguments.join(' '))).toStdString());
+        const QList<qint64> starts = FrameStarts(MediaPath(c.file));
+        ASSERT_FALSE(starts.isEmpty());
         const Outputs run = Play(dir.path(), QStringList{MediaPath(c.file)} + c.arguments);
         ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
         ASSERT_GE(run.ticks.size(), c.minTicks);
         for (const auto& tick : run.ticks) {
-            const qint64 expected = std::min(tick[0] / 40000 * 40000, c.lastStart);
+            const qint64 expected = *std::prev(std::upper_bound(starts.begin(), starts.end(), tick[0]));
             ASSERT_EQ(tick[1], expected) << "tick at " << tick[0];
             ASSERT_EQ(tick[2], 0);
         }
@@ -113,6 +160,7 @@ TEST(PlayTool, TheDeviceReceivesTheSourcesOwnSoundSampleForSample)
         {"multi_stream.mkv", 0},
         {"short_video.mkv", 0}, // sound lasting longer than the pictures
         {"audio_jump.mkv", 1},  // the fill repeats samples where the times jump
+        {"undecodable_with_sound.webm", 0}, // no picture: the sound plays alone
     };
     for (const auto& [file, driftCorrections] : cases) {
         SCOPED_TRACE(file);
@@ -145,11 +193,23 @@ TEST(PlayTool, TheDeviceReceivesTheSourcesOwnSoundSampleForSample)
     EXPECT_TRUE(Pcm(dir.filePath("audio.wav")).contains(Pcm(MediaPath("s16_stereo.wav")).right(100 * 4)));
 }
 
-TEST(PlayTool, AFileThatCannotBePlayedEndsWithTheLibrarysMessage)
+TEST(PlayTool, AFileThatCannotBePlayedEndsWithAMessage)
 {
     QTemporaryDir dir;
-    const QString missing = dir.filePath("missing.mp4");
-    const Outputs run = Play(dir.filePath("out"), {missing});
-    EXPECT_EQ(run.exitCode, 1);
-    EXPECT_TRUE(run.err.contains("File not found: " + missing)) << run.err.toStdString();
+    const struct {
+        QString file;
+        QString message;
+    } cases[] = {
+        {dir.filePath("missing.mp4"), "File not found: " + dir.filePath("missing.mp4")},
+        // Every picture fails to decode: the end comes, not an endless wait.
+        {MediaPath("undecodable.webm"), "no picture of " + MediaPath("undecodable.webm") + " could be decoded"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.file.toStdString());
+        for (const QStringList& arguments : {QStringList{}, QStringList{"--speed", "-1"}}) {
+            const Outputs run = Play(dir.filePath("out"), QStringList{c.file} + arguments);
+            EXPECT_EQ(run.exitCode, 1);
+            EXPECT_TRUE(run.err.contains(c.message)) << run.err.toStdString();
+        }
+    }
 }

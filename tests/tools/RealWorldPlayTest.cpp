@@ -148,22 +148,22 @@ TEST(RealWorldPlay, EachTickShowsFfmpegsPictureAndTheDeviceGetsFfmpegsSound)
         {"vp9_30.webm", 0, "", 312},
         // The first picture at 21 ms, the second AAC frame's time.
         {"hevc_2997.mkv", 0, "", 1024},
-        {"hevc_30.mkv", 0, "", -1},
         {"h264_1080x720.mp4", 0, "", 0},
         // Fragments keep no edit list: the pictures start at 80 ms, and so
         // does the sound after its first (priming) frame at 0.
         {"h264_1080x720_frag.mp4", 0, "", 1024},
-        {"hevc_854x480.ts", 0, "", 1024}, // sound from 21.3 ms before the first picture
+        {"hevc_aac_854x480.ts", 0, "", 1024}, // sound from 21.3 ms before the first picture
         {"av1_aom.mkv", 0, "", -1},
         {"vp9_161x121.webm", 0, "", -1},
+        {"vp9_2pass.webm", 0, "", -1},
         // Cover art: the picture is shown all along, the sound is heard from its start.
         {"cover.flac", 0, "", 0},
         {"cover.mp3", 0, "", 0},
-        {"cover_1400.mp3", 0, "", 0},
+        {"tone_cover1400.mp3", 0, "", 0},
         {"cover.m4a", 0, "", 0},
-        {"size_switch.ts", 0, "", -1},
-        {"broken_vp9.webm", 1, "", -1},
-        {"broken_vp9_sound.webm", 0, "", 0}, // the sound plays without pictures
+        {"ad_break.ts", 0, "", 0}, // 320x240, 480x360, 320x240
+        {"undecodable.webm", 1, "could be decoded", -1},
+        {"undecodable_with_sound.webm", 0, "", 312}, // the sound plays without pictures
         {"bt709_full.mp4", 0, "", 0},
         {"bt2020_10bit.mkv", 0, "", -1},
         // The container says 23 ms, the sound lasts 232 ms: all of it is heard.

@@ -13,8 +13,30 @@ make open_ended.mkv -f lavfi -i "$(paint 160x120 25 50)" -c:v libx264 -live 1
 # Sound whose times jump 50 ms ahead after one second, as after a lost packet.
 make audio_jump.mkv -f lavfi -i "$(positional 48000 stereo 96000)" -af "asetpts=PTS+gte(T\,1)*0.05/TB" \
     -c:a pcm_s16le
+# Matroska and WebM time pictures in whole milliseconds: at 30 and 29.97 fps
+# frames last 33 or 34 ms, never the step the rate gives.
+make vp9_30fps.webm -f lavfi -i "$(paint 320x240 30 60)" -c:v libvpx-vp9 -g 30 -cpu-used 8 -b:v 1M
+make vp8_ntsc.webm -f lavfi -i "$(paint 320x240 30000/1001 60)" -c:v libvpx -g 30 -cpu-used 8 -b:v 1M
+make hevc_ntsc.mkv -f lavfi -i "$(paint 320x240 30000/1001 60)" -c:v libx265 -preset ultrafast -g 30 \
+    -x265-params log-level=none
+# Broadcast with an ad break: one second each of 320x240, 480x360 and 320x240
+# pictures and their sound, in one transport stream with continuous times.
+for part in 1:320x240 2:480x360 3:320x240; do
+    make "ad_break_${part%%:*}.ts" -f lavfi -i "$(paint "${part#*:}" 25 $((25 * ${part%%:*}))),trim=start_frame=$((25 * ${part%%:*} - 25))" \
+        -f lavfi -i "$(tone 48000 "${part%%:*}"),atrim=start=$((${part%%:*} - 1))" -c:v libx264 -g 25 -c:a mp2 \
+        -muxdelay 0 -muxpreload 0 -f mpegts
+done
+make ad_break.ts -i "concat:$out/ad_break_1.ts|$out/ad_break_2.ts|$out/ad_break_3.ts" -c copy -f mpegts
+# VP9 whose packets the noise filter overwrites byte by byte (the same bytes
+# every run, from the packets alone): no picture decodes. With and without
+# sound.
+make vp9_tone.webm -f lavfi -i "$(paint 320x240 25 50)" -f lavfi -i "$(tone 48000 2)" -c:v libvpx-vp9 -g 30 \
+    -cpu-used 8 -b:v 1M -c:a libopus
+derive undecodable.webm vp9_tone.webm -map 0:v -c copy -bsf:v noise=amount=1
+derive undecodable_with_sound.webm vp9_tone.webm -c copy -bsf:v noise=amount=1
 
-# Clips like those users own, for the real-world play table.
+# Clips like those users own, for the real-world play table, beside the
+# catalogue's and the ones above. With sound, as users have them.
 # Matroska counts in milliseconds: at 29.97 fps the frame times round to whole ms.
 make vp8_2997.webm -f lavfi -i "$(paint 320x240 30000/1001 60)" -f lavfi -i "$(tone 48000 2)" \
     -c:v libvpx -g 30 -cpu-used 8 -b:v 1M -c:a libvorbis
@@ -22,39 +44,23 @@ make vp9_30.webm -f lavfi -i "$(paint 320x240 30 60)" -f lavfi -i "$(tone 48000 
     -c:v libvpx-vp9 -g 30 -cpu-used 8 -b:v 1M -c:a libopus
 make hevc_2997.mkv -f lavfi -i "$(paint 320x240 30000/1001 60)" -f lavfi -i "$(tone 48000 2)" \
     -c:v libx265 -preset ultrafast -g 30 -x265-params log-level=none -c:a aac
-make hevc_30.mkv -f lavfi -i "$(paint 320x240 30 60)" -c:v libx265 -preset ultrafast -g 30 -x265-params log-level=none
 # 1080 pixels wide: RGB24 rows of 3240 bytes. Also as a fragmented MP4.
 make h264_1080x720.mp4 -f lavfi -i "$(paint 1080x720 25 50)" -f lavfi -i "$(tone 48000 2)" \
     -c:v libx264 -preset ultrafast -g 25 -bf 2 -c:a aac
 derive h264_1080x720_frag.mp4 h264_1080x720.mp4 -c copy -movflags frag_keyframe+empty_moov
-make hevc_854x480.ts -f lavfi -i "$(paint 854x480 25 50)" -f lavfi -i "$(tone 48000 2)" \
+make hevc_aac_854x480.ts -f lavfi -i "$(paint 854x480 25 50)" -f lavfi -i "$(tone 48000 2)" \
     -c:v libx265 -preset ultrafast -g 25 -x265-params log-level=none -c:a aac -f mpegts
-# AV1 from libaom.
-make av1_aom.mkv -f lavfi -i "$(paint 320x240 25 75)" -c:v libaom-av1 -g 50 -cpu-used 8
 # Odd sizes: chroma planes round up, RGB rows need padding.
 make vp9_161x121.webm -f lavfi -i "$(paint 161x121 25 50)" -c:v libvpx-vp9 -g 25 -cpu-used 8 -b:v 300k
 # Cover art: sound with an attached picture, which demuxers report as a video
 # stream of one picture.
 make cover.png -f lavfi -i "$(paint 320x320 25 1)" -update 1 -c:v png
-make cover_1400.jpg -f lavfi -i "$(paint 1400x1400 25 1)" -update 1 -c:v mjpeg
 make tone.flac -f lavfi -i "$(tone 44100 2)" -c:a flac
 derive cover.flac tone.flac -i "$out/cover.png" -map 0 -map 1 -c copy -disposition:v attached_pic
 derive cover.mp3 tone.mp3 -i "$out/cover.png" -map 0 -map 1 -c copy -id3v2_version 3 \
     -metadata:s:v title="Album cover" -metadata:s:v comment="Cover (front)"
-derive cover_1400.mp3 tone.mp3 -i "$out/cover_1400.jpg" -map 0 -map 1 -c copy -id3v2_version 3 \
-    -metadata:s:v title="Album cover" -metadata:s:v comment="Cover (front)"
 make cover.m4a -f lavfi -i "$(tone 44100 2)" -i "$out/cover.png" -map 0 -map 1 -c:a aac -c:v copy \
     -disposition:v attached_pic
-# A broadcast whose picture size changes: two segments joined with continuous times.
-make size_first.ts -f lavfi -i "$(paint 320x240 25 25)" -c:v libx264 -g 25
-make size_second.ts -f lavfi -i "$(paint 480x270 25 25)" -c:v libx264 -g 25
-printf "file %s\n" size_first.ts size_second.ts >"$out/size_switch.txt"
-make size_switch.ts -f concat -i "$out/size_switch.txt" -c copy
-# VP9 whose packets are all damaged: no picture decodes. Once alone, once
-# beside sound that decodes.
-make broken_vp9.webm -f lavfi -i "$(paint 160x120 25 25)" -c:v libvpx-vp9 -cpu-used 8 -bsf:v noise=amount=1
-make broken_vp9_sound.webm -f lavfi -i "$(paint 160x120 25 25)" -f lavfi -i "$(tone 48000 1)" \
-    -c:v libvpx-vp9 -cpu-used 8 -bsf:v noise=amount=1 -c:a libvorbis
 # Tagged colours: BT.709 at full range, and BT.2020 PQ in 10 bits.
 make bt709_full.mp4 -f lavfi -i "$(paint 320x240 25 50),format=yuvj420p" -f lavfi -i "$(tone 48000 2)" \
     -c:v libx264 -colorspace bt709 -color_primaries bt709 -color_trc bt709 -color_range pc -c:a aac
