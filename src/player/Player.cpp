@@ -12,18 +12,28 @@ namespace molvane {
 
 namespace {
 
-// Whether the container marks a stream as an attached picture (cover art).
-// The library's stream records do not say; the container's header does,
-// read as any host may.
-bool IsAttachedPicture(const QString& path, int streamIndex)
+// What the container's header says and the library's records do not, read
+// as any host may.
+struct ContainerFacts {
+    bool attachedPicture = false; // the stream is cover art
+    // Streams with times that may jump (MPEG-TS, MPEG-PS) have no index: a
+    // seek searches by time and can land after the key frame before its
+    // target, where the pictures up to the next key frame are lost.
+    bool seeksByTime = false;
+};
+
+ContainerFacts ReadContainerFacts(const QString& path, int videoStreamIndex)
 {
     AVFormatContext* opened = nullptr;
     const std::string url = path.toStdString();
-    if (streamIndex < 0 || avformat_open_input(&opened, url.c_str(), nullptr, nullptr) < 0)
-        return false;
+    if (avformat_open_input(&opened, url.c_str(), nullptr, nullptr) < 0)
+        return {};
     const InputContextPtr input(opened);
-    return streamIndex < int(input->nb_streams) &&
-           (input->streams[streamIndex]->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0;
+    ContainerFacts facts;
+    facts.attachedPicture = videoStreamIndex >= 0 && videoStreamIndex < int(input->nb_streams) &&
+                            (input->streams[videoStreamIndex]->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0;
+    facts.seeksByTime = (input->iformat->flags & AVFMT_TS_DISCONT) != 0;
+    return facts;
 }
 
 // The picture of a cover, decoded as a still: a movie's decoder would hold
@@ -96,8 +106,11 @@ bool Player::Open(const QString& path, bool isImage, int64_t imageDuration)
         d.probedHeight = d.instanceHeight = stream.height;
         d.PlanBudget(stream.width, stream.height);
     }
+    const ContainerFacts facts = isImage ? ContainerFacts() : ReadContainerFacts(path, d.videoStreamIndex);
+    // Seeking a second early lands on a key frame before the target.
+    d.largeSeekOffset = d.largeSeekOffset || (d.hasVideo && facts.seeksByTime);
     d.cover.reset();
-    if (d.hasVideo && d.hasAudio && !isImage && IsAttachedPicture(path, d.videoStreamIndex)) {
+    if (d.hasVideo && d.hasAudio && facts.attachedPicture) {
         // Cover art: shown for the whole sound from its start, while the
         // instance decodes the sound alone, as in a file without video.
         d.cover = DecodeCover(*info);
