@@ -49,10 +49,13 @@ public:
     std::shared_ptr<const MediaInfo> Info() const;
     // False for a file whose video yields no picture from the start of the
     // stream to its end, once decoding has found that out; it then plays as
-    // sound alone.
+    // sound alone. True for cover art (a picture the container attaches to
+    // sound): the sound drives the clock, and every time shows the cover.
     bool HasVideo() const;
     bool HasAudio() const;
-    int64_t Duration() const;               // µs from the first frame to the end of the media
+    // µs from the first frame to the end of the media; 0 while unknown (no
+    // length in the file, or sound that goes on past it) until decoding finds the end.
+    int64_t Duration() const;
     int64_t FrameStep() const;
     int AudioChannels() const;              // of the decoded audio, 0 without audio
     int AudioSampleRate() const;

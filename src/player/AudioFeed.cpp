@@ -27,6 +27,23 @@ int64_t Player::Impl::SoundStart()
     return start;
 }
 
+// Whether sound starts after end (in the stream's times): some containers
+// only estimate their length, and an MPEG-TS whose sound lies in one PES
+// claims the length of its first frame. Leaves the input closed.
+bool Player::Impl::SoundPastEnd(int64_t end)
+{
+    QList<std::shared_ptr<DecodedAudioFrame>> sounds;
+    QList<std::shared_ptr<DecodedVideoFrame>> pictures;
+    instance.Seek(end);
+    bool past = false;
+    for (int calls = 0; calls < 100 && !past && instance.HasPacket(); ++calls) {
+        instance.DecodePacket(sounds, pictures, -1);
+        past = std::any_of(sounds.begin(), sounds.end(), [&](const auto& sound) { return sound->startTime > end; });
+    }
+    instance.CloseInput();
+    return past;
+}
+
 void Player::Impl::AppendAudio(const AudioList& frames)
 {
     for (const auto& frame : frames) {

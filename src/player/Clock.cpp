@@ -80,7 +80,7 @@ void Player::StepFrames(int count)
 std::shared_ptr<DecodedVideoFrame> Player::FrameAt(int64_t time, bool* settled) const
 {
     std::lock_guard<std::mutex> lock(impl->mutex);
-    auto frame = impl->video.GetFrame(time, 0);
+    auto frame = impl->cover ? impl->cover : impl->video.GetFrame(time, 0);
     if (settled)
         *settled = impl->Settled(frame);
     return frame;
@@ -90,6 +90,8 @@ std::shared_ptr<DecodedVideoFrame> Player::WaitFrameAt(int64_t time)
 {
     Impl& d = *impl;
     std::unique_lock<std::mutex> lock(d.mutex);
+    if (d.cover)
+        return d.cover;
     if (!d.hasVideo)
         return nullptr;
     d.Wake();

@@ -176,7 +176,7 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
     ClearCaches();
     audioInStep = true;
     ++stats.seeks;
-    int64_t early = largeSeekOffset ? kSecond : 0;
+    int64_t early = largeSeekOffset ? kSecond : hasVideo ? 0 : kAudioPreroll;
     bool handedOn = false; // to forward decoding, after a change of size
     for (bool again = true; again && !handedOn;) {
         again = false;

@@ -1,11 +1,64 @@
 #include "PlayerImpl.h"
 
+#include "foundation/FfmpegGuards.h"
+
 #include <MolvaneAV/MediaReader.h>
 
 #include <algorithm>
 #include <climits>
+#include <string>
 
 namespace molvane {
+
+namespace {
+
+// What the container's header says and the library's records do not, read
+// as any host may.
+struct ContainerFacts {
+    bool attachedPicture = false; // the stream is cover art
+    // Streams with times that may jump (MPEG-TS, MPEG-PS) have no index: a
+    // seek searches by time and can land after the key frame before its
+    // target, where the pictures up to the next key frame are lost.
+    bool seeksByTime = false;
+};
+
+ContainerFacts ReadContainerFacts(const QString& path, int videoStreamIndex)
+{
+    AVFormatContext* opened = nullptr;
+    const std::string url = path.toStdString();
+    if (avformat_open_input(&opened, url.c_str(), nullptr, nullptr) < 0)
+        return {};
+    const InputContextPtr input(opened);
+    ContainerFacts facts;
+    facts.attachedPicture = videoStreamIndex >= 0 && videoStreamIndex < int(input->nb_streams) &&
+                            (input->streams[videoStreamIndex]->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0;
+    facts.seeksByTime = (input->iformat->flags & AVFMT_TS_DISCONT) != 0;
+    return facts;
+}
+
+// The picture of a cover, decoded as a still: a movie's decoder would hold
+// it back until the end of the sound.
+std::shared_ptr<DecodedVideoFrame> DecodeCover(const MediaInfo& info)
+{
+    auto still = std::make_shared<MediaInfo>(info);
+    still->isImage = true;
+    still->audioStreams.clear();
+    MediaInstance instance;
+    std::shared_ptr<DecodedVideoFrame> cover;
+    QList<std::shared_ptr<DecodedAudioFrame>> sounds;
+    QList<std::shared_ptr<DecodedVideoFrame>> pictures;
+    if (instance.Initialize(still, 0)) {
+        for (int calls = 0; calls < 100 && !cover && instance.HasPacket(); ++calls) {
+            instance.DecodePacket(sounds, pictures, -1);
+            for (const auto& picture : pictures)
+                cover = !cover && picture->data && picture->status == 0 ? picture : cover;
+        }
+    }
+    instance.Shutdown();
+    return cover;
+}
+
+} // namespace
 
 Player::Player(int64_t videoCacheBytes) : impl(std::make_unique<Impl>(videoCacheBytes)) {}
 
@@ -53,10 +106,36 @@ bool Player::Open(const QString& path, bool isImage, int64_t imageDuration)
         d.probedHeight = d.instanceHeight = stream.height;
         d.PlanBudget(stream.width, stream.height);
     }
-    const int64_t duration = isImage ? imageDuration : std::max<int64_t>(0, info->GetDuration());
+    const ContainerFacts facts = isImage ? ContainerFacts() : ReadContainerFacts(path, d.videoStreamIndex);
+    // Seeking a second early lands on a key frame before the target.
+    d.largeSeekOffset = d.largeSeekOffset || (d.hasVideo && facts.seeksByTime);
+    d.cover.reset();
+    if (d.hasVideo && d.hasAudio && facts.attachedPicture) {
+        // Cover art: shown for the whole sound from its start, while the
+        // instance decodes the sound alone, as in a file without video.
+        d.cover = DecodeCover(*info);
+        if (d.cover)
+            d.cover->startTime = 0, d.cover->endTime = kForever;
+        auto sound = std::make_shared<MediaInfo>(*info);
+        sound->videoStreams.clear();
+        d.instance.Shutdown();
+        d.instance = MediaInstance();
+        if (!d.instance.Initialize(sound, 0) || !d.instance.HasPacket())
+            return false;
+        d.instanceInfo = sound;
+        d.hasVideo = false;
+        d.streamStart = 0;
+        d.step = 40000;
+    }
+    int64_t duration = isImage ? imageDuration : std::max<int64_t>(0, info->GetDuration());
     d.audioOffset = d.hasVideo ? d.streamStart : 0;
-    if (!d.hasVideo && d.hasAudio)
+    if (!d.hasVideo && d.hasAudio) {
         d.audioOffset = d.SoundStart();
+        // A length the sound goes past is unknown: it plays to its end,
+        // which decoding finds, as in a stream without a duration.
+        if (duration > 0 && d.SoundPastEnd(d.audioOffset + duration))
+            duration = 0;
+    }
     d.audio.SetMaxFrameCount(256);
     std::lock_guard<std::mutex> lock(d.mutex);
     d.quit = false;
@@ -98,6 +177,7 @@ void Player::Close()
     d.drained.clear();
     d.info.reset();
     d.instanceInfo.reset();
+    d.cover.reset();
     d.hasVideo = d.hasAudio = false;
 }
 
@@ -130,7 +210,7 @@ int64_t Player::Impl::FrameBytes(int width, int height) const
 }
 
 std::shared_ptr<const MediaInfo> Player::Info() const { return impl->info; }
-bool Player::HasVideo() const { return impl->hasVideo; }
+bool Player::HasVideo() const { return impl->hasVideo || impl->cover; }
 bool Player::HasAudio() const { return impl->hasAudio; }
 int64_t Player::Duration() const
 {

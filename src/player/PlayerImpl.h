@@ -36,6 +36,10 @@ inline constexpr int64_t kDriftCorrected = 10000;
 // What the decoder holds of its own (reference pictures, one per thread), in
 // pictures of the cache's size: its planes are half as large.
 inline constexpr int64_t kDecoderPictures = 11;
+// Sound decoded before the target of a jump in a file without video: the
+// first frames after a decoder's flush come out wrong (AAC's overlap, MP3's
+// bit reservoir; Opus asks for 80 ms).
+inline constexpr int64_t kAudioPreroll = 100000;
 // Pictures kept before the target of an exact seek, for stepping back.
 inline constexpr int kTrailingPictures = 3;
 // Size changes followed in a row without a picture coming out: beyond
@@ -66,6 +70,9 @@ struct Player::Impl {
     // Cleared by the decoding thread when the video yields no picture from
     // the start of the stream to its end: the file then plays as sound.
     std::atomic<bool> hasVideo{false};
+    // Cover art: the picture a container attaches to sound, shown for the
+    // whole of it while the sound alone is decoded and drives the clock.
+    std::shared_ptr<DecodedVideoFrame> cover;
 
     // The decoding thread's alone once it runs.
     MediaInstance instance;
@@ -133,6 +140,7 @@ struct Player::Impl {
     void AppendAudio(const AudioList& frames);
     void PushAudio(std::shared_ptr<DecodedAudioFrame> frame);
     int64_t SoundStart();
+    bool SoundPastEnd(int64_t end);
     void ClearCaches();
     int64_t Now() const { return int64_t(position); }
     int64_t LastPosition() const { return duration > 0 ? duration - 1 : kForever; }

@@ -92,17 +92,30 @@ QByteArray RunFfmpeg(const QStringList& args)
     return process.readAllStandardOutput();
 }
 
-ProgramRun RunProgram(const QString& program, const QStringList& arguments, const QProcessEnvironment& environment)
+namespace {
+ProgramRun Run(const QString& program, const QStringList& arguments, const QProcessEnvironment& environment,
+               int timeoutMillis)
 {
     QProcess process;
     process.setProcessEnvironment(environment);
     process.start(program, arguments);
     ProgramRun run;
-    if (process.waitForFinished(300000) && process.exitStatus() == QProcess::NormalExit)
+    if (process.waitForFinished(timeoutMillis) && process.exitStatus() == QProcess::NormalExit)
         run.exitCode = process.exitCode();
     run.out = process.readAllStandardOutput();
     run.err = QString::fromUtf8(process.readAllStandardError());
     return run;
+}
+} // namespace
+
+ProgramRun RunProgram(const QString& program, const QStringList& arguments, const QProcessEnvironment& environment)
+{
+    return Run(program, arguments, environment, 300000);
+}
+
+ProgramRun RunProgram(const QString& program, const QStringList& arguments, int timeoutMillis)
+{
+    return Run(program, arguments, QProcessEnvironment::systemEnvironment(), timeoutMillis);
 }
 
 ProgramRun RunProgram(const QString& program, const QStringList& arguments)

@@ -68,6 +68,8 @@ struct ProgramRun {
     QString err;
 };
 ProgramRun RunProgram(const QString& program, const QStringList& arguments);
+// ... killed after timeoutMillis, which only a hang takes.
+ProgramRun RunProgram(const QString& program, const QStringList& arguments, int timeoutMillis);
 ProgramRun RunProgram(const QString& program, const QStringList& arguments, const QProcessEnvironment& environment);
 
 // The rows of integers of a CSV file below its header line.

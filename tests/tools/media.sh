@@ -34,3 +34,38 @@ make vp9_tone.webm -f lavfi -i "$(paint 320x240 25 50)" -f lavfi -i "$(tone 4800
     -cpu-used 8 -b:v 1M -c:a libopus
 derive undecodable.webm vp9_tone.webm -map 0:v -c copy -bsf:v noise=amount=1
 derive undecodable_with_sound.webm vp9_tone.webm -c copy -bsf:v noise=amount=1
+
+# Clips like those users own, for the real-world play table, beside the
+# catalogue's and the ones above. With sound, as users have them.
+# Matroska counts in milliseconds: at 29.97 fps the frame times round to whole ms.
+make vp8_2997.webm -f lavfi -i "$(paint 320x240 30000/1001 60)" -f lavfi -i "$(tone 48000 2)" \
+    -c:v libvpx -g 30 -cpu-used 8 -b:v 1M -c:a libvorbis
+make vp9_30.webm -f lavfi -i "$(paint 320x240 30 60)" -f lavfi -i "$(tone 48000 2)" \
+    -c:v libvpx-vp9 -g 30 -cpu-used 8 -b:v 1M -c:a libopus
+make hevc_2997.mkv -f lavfi -i "$(paint 320x240 30000/1001 60)" -f lavfi -i "$(tone 48000 2)" \
+    -c:v libx265 -preset ultrafast -g 30 -x265-params log-level=none -c:a aac
+# 1080 pixels wide: RGB24 rows of 3240 bytes. Also as a fragmented MP4.
+make h264_1080x720.mp4 -f lavfi -i "$(paint 1080x720 25 50)" -f lavfi -i "$(tone 48000 2)" \
+    -c:v libx264 -preset ultrafast -g 25 -bf 2 -c:a aac
+derive h264_1080x720_frag.mp4 h264_1080x720.mp4 -c copy -movflags frag_keyframe+empty_moov
+make hevc_aac_854x480.ts -f lavfi -i "$(paint 854x480 25 50)" -f lavfi -i "$(tone 48000 2)" \
+    -c:v libx265 -preset ultrafast -g 25 -x265-params log-level=none -c:a aac -f mpegts
+# Odd sizes: chroma planes round up, RGB rows need padding.
+make vp9_161x121.webm -f lavfi -i "$(paint 161x121 25 50)" -c:v libvpx-vp9 -g 25 -cpu-used 8 -b:v 300k
+# Cover art: sound with an attached picture, which demuxers report as a video
+# stream of one picture.
+make cover.png -f lavfi -i "$(paint 320x320 25 1)" -update 1 -c:v png
+make tone.flac -f lavfi -i "$(tone 44100 2)" -c:a flac
+derive cover.flac tone.flac -i "$out/cover.png" -map 0 -map 1 -c copy -disposition:v attached_pic
+derive cover.mp3 tone.mp3 -i "$out/cover.png" -map 0 -map 1 -c copy -id3v2_version 3 \
+    -metadata:s:v title="Album cover" -metadata:s:v comment="Cover (front)"
+make cover.m4a -f lavfi -i "$(tone 44100 2)" -i "$out/cover.png" -map 0 -map 1 -c:a aac -c:v copy \
+    -disposition:v attached_pic
+# Tagged colours: BT.709 at full range, and BT.2020 PQ in 10 bits.
+make bt709_full.mp4 -f lavfi -i "$(paint 320x240 25 50),format=yuvj420p" -f lavfi -i "$(tone 48000 2)" \
+    -c:v libx264 -colorspace bt709 -color_primaries bt709 -color_trc bt709 -color_range pc -c:a aac
+make bt2020_10bit.mkv -f lavfi -i "$(paint 320x240 25 50),format=yuv420p10le" -c:v libx265 -preset ultrafast \
+    -x265-params log-level=none:colorprim=bt2020:transfer=smpte2084:colormatrix=bt2020nc
+# Sound alone in MPEG-TS, all of it in one PES: the container's duration is
+# that of its first audio frame (23 ms), the sound lasts 232 ms.
+make short_claim.ts -f lavfi -i "$(tone 44100 0.2)" -c:a aac -pes_payload_size 100000 -f mpegts

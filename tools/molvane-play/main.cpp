@@ -245,7 +245,8 @@ int main(int argc, char** argv)
         QElapsedTimer jump;
         if (seekEvery > 0 && i > 0 && i * tick % seekEvery < tick) {
             jump.start();
-            player.Seek(int64_t(random() % uint64_t(std::max<int64_t>(1, end))));
+            // Within the length known by now: a stream without one finds it as it plays.
+            player.Seek(int64_t(random() % uint64_t(std::max<int64_t>(1, player.Duration()))));
         }
         const int64_t now = player.Position();
         std::shared_ptr<DecodedVideoFrame> frame;
@@ -285,7 +286,10 @@ int main(int argc, char** argv)
                 heard.Add(samples.data(), frames);
             samplesWritten = due;
         }
-        if (openEnded && player.Duration() > 0 && now >= player.Duration() - 1) {
+        // Jumping, as many ticks as the length found holds, as for a file
+        // that says how long it is.
+        if (openEnded && player.Duration() > 0 &&
+            (now >= player.Duration() - 1 || (seekEvery > 0 && (i + 1) * tick >= player.Duration()))) {
             ++i;
             break;
         }
