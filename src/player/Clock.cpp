@@ -50,9 +50,10 @@ void Player::Seek(int64_t position)
     d.position = double(std::clamp<int64_t>(position, 0, d.LastPosition()));
     // Within the cache a jump only moves the clock; the fill finds its
     // place by time again. Standing or backwards no sound plays: playing
-    // forwards again brings it back (SetSpeed). A frame whose end is still
-    // a guess may not be the one for the new time.
-    if (!d.seekTo && d.Settled(d.Now()) && (!d.hasAudio || d.audioInStep || d.speed <= 0.0))
+    // forwards again brings it back (SetSpeed). On the newest picture, whose
+    // end is still a guess, the picture for the new time is the next one
+    // decoded at most: WaitFrameAt waits for it.
+    if (!d.seekTo && d.Covers(d.Now()) && (!d.hasAudio || d.audioInStep || d.speed <= 0.0))
         d.audio.FlushPaBuffer();
     else
         d.seekTo = d.Now();

@@ -200,9 +200,11 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
             if (!landedLate)
                 AppendAudio(sounds);
             for (const auto& picture : pictures) {
-                // A first picture after the target, or the end of the
-                // stream before any picture: the seek landed too late.
-                if (first && (!picture->data || picture->startTime > target) && target - early > 0) {
+                // A first picture after the place sought, or the end of the
+                // stream before any picture: the seek landed too late. A
+                // search by time (MPEG-TS) can land on any picture, past the
+                // key frame the pictures up to the target need.
+                if (first && (!picture->data || picture->startTime > target - early) && target - early > 0) {
                     landedLate = true;
                     break;
                 }
