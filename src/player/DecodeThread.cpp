@@ -201,8 +201,9 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
                 AppendAudio(sounds);
             for (const auto& picture : pictures) {
                 // A first picture after the target, or the end of the
-                // stream before any picture: the seek landed too late.
-                if (first && (!picture->data || picture->startTime > target) && target - early > 0) {
+                // stream before any picture: the seek landed too late. Sound
+                // alone has no picture to wait for.
+                if (hasVideo && first && (!picture->data || picture->startTime > target) && target - early > 0) {
                     landedLate = true;
                     break;
                 }
@@ -237,7 +238,7 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
             }
             // The input ended before any picture, without even the end
             // marker (the seek went past the last packet): too late as well.
-            if (!more && first && target - early > 0)
+            if (!more && hasVideo && first && target - early > 0)
                 landedLate = true;
             progress.notify_all();
             if (landedLate || again || handedOn || !more ||
