@@ -188,7 +188,8 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
         // The latest picture too early to keep: it covers the target when
         // the next one starts after it (a long frame).
         std::shared_ptr<DecodedVideoFrame> before;
-        for (int calls = 0; calls < kMaxCallsPerJob && !quit && seekTo == target && !again && !handedOn; ++calls) {
+        int calls = 0;
+        for (; calls < kMaxCallsPerJob && !quit && seekTo == target && !again && !handedOn; ++calls) {
             VideoList pictures;
             AudioList sounds;
             // The library leaves the pictures far before the target
@@ -247,6 +248,11 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
                               (Covers(target) && video.GetEndTime() > target + step))))
                 break;
         }
+        // The bound reached before any picture: a video that never decodes
+        // is only recognised by a pass from the start, so back off as when
+        // landing late.
+        if (calls == kMaxCallsPerJob && hasVideo && first && target - early > 0 && !quit && seekTo == target)
+            landedLate = true;
         if (!landedLate)
             continue;
         // The seek landed after the target: no picture may be shown that
