@@ -241,6 +241,10 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
             // marker (the seek went past the last packet): too late as well.
             if (!more && hasVideo && first && target - early > 0)
                 landedLate = true;
+            // Until a picture comes, keep only the sound the fill needs at
+            // the target: a video that never decodes would bring all of it.
+            if (hasVideo && first)
+                audio.UpdateCache(target + audioOffset - kSecond, target + audioOffset + 2 * kAudioAhead);
             progress.notify_all();
             if (landedLate || again || handedOn || !more ||
                 (!hasVideo && audio.GetEndTime() >= target + audioOffset + kAudioAhead) ||
