@@ -131,8 +131,10 @@ void Player::Impl::Reposition(int64_t time)
 
 // Sets the input up for the size of a placeholder the cache wants, to be
 // repositioned by the caller. False when it gives up on that size: the
-// picture is then missing. Pictures larger than any before split the budget
-// again, which empties the caches: the play position is decoded again.
+// picture is then missing, and instanceAtNewest false when the input was
+// set up again for the old size, at the start. Pictures larger than any
+// before split the budget again, which empties the caches: the play
+// position is decoded again.
 bool Player::Impl::FollowSizeChange(const DecodedVideoFrame& placeholder, std::unique_lock<std::mutex>& lock)
 {
     if (placeholder.width < 1 || placeholder.height < 1 || switchesWithoutPicture >= kMaxSizeSwitches)
@@ -153,9 +155,18 @@ bool Player::Impl::FollowSizeChange(const DecodedVideoFrame& placeholder, std::u
     instance.Shutdown();
     instance = MediaInstance();
     const bool ready = instance.Initialize(sized, 0);
+    if (!ready) {
+        // The instance holds the record weakly: without the old one set up
+        // again it would end as if the stream did.
+        instance = MediaInstance();
+        instance.Initialize(instanceInfo, 0);
+    }
     lock.lock();
-    if (!ready)
+    if (!ready) {
+        instanceAtNewest = false;
+        drained.clear();
         return false;
+    }
     instanceInfo = sized;
     instanceWidth = placeholder.width;
     instanceHeight = placeholder.height;
@@ -183,6 +194,7 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
         lock.unlock();
         Reposition(target - early);
         lock.lock();
+        instanceAtNewest = true;
         holdFirstAudio = true;
         bool first = true, landedLate = false;
         // The latest picture too early to keep: it covers the target when
@@ -217,12 +229,17 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
                     continue;
                 }
                 auto append = [&](const std::shared_ptr<DecodedVideoFrame>& next) {
-                    if (AppendForward(next) || !FollowSizeChange(*next, lock))
+                    if (AppendForward(next))
                         return true;
+                    const bool ready = FollowSizeChange(*next, lock);
+                    if (!ready && instanceAtNewest)
+                        return true; // missing, the input goes on
                     // Set up for the new size: forward decoding goes on from
                     // the newest cached picture, or the whole pass again
-                    // when none is left.
-                    if (video.GetFrameCount() == 0) {
+                    // when none is left. Set up again for the old size, the
+                    // pass would meet the same failure: forward decoding
+                    // goes on from the play position.
+                    if (ready && video.GetFrameCount() == 0) {
                         ClearCaches();
                         again = true;
                     } else {
