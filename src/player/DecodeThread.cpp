@@ -113,7 +113,7 @@ void Player::Impl::ClearCaches()
     landBy = -1;
     resumeEarly = 0;
     landingSounds.clear();
-    mediaEnd = isImage || duration <= 0 ? kForever : std::max(duration, step);
+    mediaEnd = UnfoundEnd();
 }
 
 // Positions the input so that the next picture decoded is the first at or
@@ -346,15 +346,22 @@ void Player::Impl::DecodeForward(std::unique_lock<std::mutex>& lock)
         }
     }
     if (!more) {
-        endReached = audioEnded = true;
-        if (heldAudio)
-            PushAudio(std::exchange(heldAudio, nullptr));
+        StreamEnded();
         mediaEnd = video.GetFrameCount() > 0 ? video.GetEndTime() : mediaEnd;
-        openPictureStart = -1;
         if (!hasVideo && audio.GetFrameCount() > 0)
             EndFound(audio.GetEndTime() - audioOffset);
     }
     progress.notify_all();
+}
+
+// The input has no more packets: what is cached is all there is, and the
+// held first sound has no successor to wait for.
+void Player::Impl::StreamEnded()
+{
+    endReached = audioEnded = true;
+    openPictureStart = -1;
+    if (heldAudio)
+        PushAudio(std::exchange(heldAudio, nullptr));
 }
 
 // Appends a picture decoded forwards. False for a size-change placeholder
@@ -370,11 +377,7 @@ bool Player::Impl::AppendForward(const std::shared_ptr<DecodedVideoFrame>& pictu
             mediaEnd = end;
             EndFound(end);
         }
-        endReached = true;
-        audioEnded = true;
-        openPictureStart = -1;
-        if (heldAudio)
-            PushAudio(std::exchange(heldAudio, nullptr));
+        StreamEnded();
         return true;
     }
     const auto newest = video.LastFrame();
