@@ -113,7 +113,7 @@ void Player::Impl::ClearCaches()
     landBy = -1;
     resumeEarly = 0;
     landingSounds.clear();
-    mediaEnd = isImage || duration <= 0 ? kForever : std::max(duration, step);
+    mediaEnd = UnfoundEnd();
 }
 
 // Positions the input so that the next picture decoded is the first at or
@@ -131,8 +131,10 @@ void Player::Impl::Reposition(int64_t time)
 
 // Sets the input up for the size of a placeholder the cache wants, to be
 // repositioned by the caller. False when it gives up on that size: the
-// picture is then missing. Pictures larger than any before split the budget
-// again, which empties the caches: the play position is decoded again.
+// picture is then missing, and instanceAtNewest false when the input was
+// set up again for the old size, at the start. Pictures larger than any
+// before split the budget again, which empties the caches: the play
+// position is decoded again.
 bool Player::Impl::FollowSizeChange(const DecodedVideoFrame& placeholder, std::unique_lock<std::mutex>& lock)
 {
     if (placeholder.width < 1 || placeholder.height < 1 || switchesWithoutPicture >= kMaxSizeSwitches)
@@ -153,9 +155,18 @@ bool Player::Impl::FollowSizeChange(const DecodedVideoFrame& placeholder, std::u
     instance.Shutdown();
     instance = MediaInstance();
     const bool ready = instance.Initialize(sized, 0);
+    if (!ready) {
+        // The instance holds the record weakly: without the old one set up
+        // again it would end as if the stream did.
+        instance = MediaInstance();
+        instance.Initialize(instanceInfo, 0);
+    }
     lock.lock();
-    if (!ready)
+    if (!ready) {
+        instanceAtNewest = false;
+        drained.clear();
         return false;
+    }
     instanceInfo = sized;
     instanceWidth = placeholder.width;
     instanceHeight = placeholder.height;
@@ -183,12 +194,14 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
         lock.unlock();
         Reposition(target - early);
         lock.lock();
+        instanceAtNewest = true;
         holdFirstAudio = true;
         bool first = true, landedLate = false;
         // The latest picture too early to keep: it covers the target when
         // the next one starts after it (a long frame).
         std::shared_ptr<DecodedVideoFrame> before;
-        for (int calls = 0; calls < kMaxCallsPerJob && !quit && seekTo == target && !again && !handedOn; ++calls) {
+        int calls = 0;
+        for (; calls < kMaxCallsPerJob && !quit && seekTo == target && !again && !handedOn; ++calls) {
             VideoList pictures;
             AudioList sounds;
             // The library leaves the pictures far before the target
@@ -203,8 +216,10 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
                 // A first picture after the place sought, or the end of the
                 // stream before any picture: the seek landed too late. A
                 // search by time (MPEG-TS) can land on any picture, past the
-                // key frame the pictures up to the target need.
-                if (first && (!picture->data || picture->startTime > target - early) && target - early > 0) {
+                // key frame the pictures up to the target need. Sound alone
+                // has no picture to wait for.
+                if (hasVideo && first && (!picture->data || picture->startTime > target - early) &&
+                    target - early > 0) {
                     landedLate = true;
                     break;
                 }
@@ -217,12 +232,17 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
                     continue;
                 }
                 auto append = [&](const std::shared_ptr<DecodedVideoFrame>& next) {
-                    if (AppendForward(next) || !FollowSizeChange(*next, lock))
+                    if (AppendForward(next))
                         return true;
+                    const bool ready = FollowSizeChange(*next, lock);
+                    if (!ready && instanceAtNewest)
+                        return true; // missing, the input goes on
                     // Set up for the new size: forward decoding goes on from
                     // the newest cached picture, or the whole pass again
-                    // when none is left.
-                    if (video.GetFrameCount() == 0) {
+                    // when none is left. Set up again for the old size, the
+                    // pass would meet the same failure: forward decoding
+                    // goes on from the play position.
+                    if (ready && video.GetFrameCount() == 0) {
                         ClearCaches();
                         again = true;
                     } else {
@@ -239,8 +259,12 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
             }
             // The input ended before any picture, without even the end
             // marker (the seek went past the last packet): too late as well.
-            if (!more && first && target - early > 0)
+            if (!more && hasVideo && first && target - early > 0)
                 landedLate = true;
+            // Until a picture comes, keep only the sound the fill needs at
+            // the target: a video that never decodes would bring all of it.
+            if (hasVideo && first)
+                audio.UpdateCache(target + audioOffset - kSecond, target + audioOffset + 2 * kAudioAhead);
             progress.notify_all();
             if (landedLate || again || handedOn || !more ||
                 (!hasVideo && audio.GetEndTime() >= target + audioOffset + kAudioAhead) ||
@@ -248,6 +272,11 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
                               (Covers(target) && video.GetEndTime() > target + step))))
                 break;
         }
+        // The bound reached before any picture: a video that never decodes
+        // is only recognised by a pass from the start, so back off as when
+        // landing late.
+        if (calls == kMaxCallsPerJob && hasVideo && first && target - early > 0 && !quit && seekTo == target)
+            landedLate = true;
         if (!landedLate)
             continue;
         // The seek landed after the target: no picture may be shown that
@@ -320,15 +349,22 @@ void Player::Impl::DecodeForward(std::unique_lock<std::mutex>& lock)
         }
     }
     if (!more) {
-        endReached = audioEnded = true;
-        if (heldAudio)
-            PushAudio(std::exchange(heldAudio, nullptr));
+        StreamEnded();
         mediaEnd = video.GetFrameCount() > 0 ? video.GetEndTime() : mediaEnd;
-        openPictureStart = -1;
         if (!hasVideo && audio.GetFrameCount() > 0)
             EndFound(audio.GetEndTime() - audioOffset);
     }
     progress.notify_all();
+}
+
+// The input has no more packets: what is cached is all there is, and the
+// held first sound has no successor to wait for.
+void Player::Impl::StreamEnded()
+{
+    endReached = audioEnded = true;
+    openPictureStart = -1;
+    if (heldAudio)
+        PushAudio(std::exchange(heldAudio, nullptr));
 }
 
 // Appends a picture decoded forwards. False for a size-change placeholder
@@ -344,11 +380,7 @@ bool Player::Impl::AppendForward(const std::shared_ptr<DecodedVideoFrame>& pictu
             mediaEnd = end;
             EndFound(end);
         }
-        endReached = true;
-        audioEnded = true;
-        openPictureStart = -1;
-        if (heldAudio)
-            PushAudio(std::exchange(heldAudio, nullptr));
+        StreamEnded();
         return true;
     }
     const auto newest = video.LastFrame();

@@ -142,7 +142,7 @@ bool Player::Open(const QString& path, bool isImage, int64_t imageDuration)
     d.duration = duration;
     d.position = 0.0;
     d.speed = 0.0;
-    d.mediaEnd = d.isImage || d.duration <= 0 ? kForever : std::max(d.duration, d.step);
+    d.mediaEnd = d.UnfoundEnd();
     d.stats = Stats();
     d.timeJumps.clear();
     d.stats.videoCacheBudget = d.budget;

@@ -10,6 +10,7 @@
 #include <MolvaneAV/MediaInstance.h>
 #include <MolvaneAV/Player.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -142,8 +143,12 @@ struct Player::Impl {
     int64_t SoundStart();
     bool SoundPastEnd(int64_t end);
     void ClearCaches();
+    void StreamEnded();
     int64_t Now() const { return int64_t(position); }
     int64_t LastPosition() const { return duration > 0 ? duration - 1 : kForever; }
+    // mediaEnd before decoding reaches the end: the whole length, at least
+    // one picture long.
+    int64_t UnfoundEnd() const { return isImage || duration <= 0 ? kForever : std::max(duration, step); }
     void EndFound(int64_t end)
     {
         if (duration <= 0)
