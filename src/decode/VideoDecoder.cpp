@@ -269,12 +269,15 @@ bool VideoDecoder::ConvertPicture(QList<std::shared_ptr<DecodedVideoFrame>>& fra
     // The record keeps the rows in its own layout; the padding of each row is zero.
     auto record = std::make_shared<DecodedVideoFrame>(nullptr, 0, outputWidth, height, startTime, frameRate,
                                                       rotation, isLinearColorSpace);
-    record->data = new uint8_t[static_cast<size_t>(rgbBufferSize)]();
+    record->data = new uint8_t[static_cast<size_t>(rgbBufferSize)];
     record->size = rgbBufferSize;
     const size_t rowBytes = static_cast<size_t>(3 * outputWidth);
     const size_t recordStride = static_cast<size_t>(rgbBufferSize / std::max(height, 1));
-    for (int row = 0; row < height; ++row)
-        std::memcpy(record->data + row * recordStride, rgbBuffer + static_cast<size_t>(row) * scaledStride, rowBytes);
+    for (int row = 0; row < height; ++row) {
+        uint8_t* const target = record->data + row * recordStride;
+        std::memcpy(target, rgbBuffer + static_cast<size_t>(row) * scaledStride, rowBytes);
+        std::memset(target + rowBytes, 0, recordStride - rowBytes);
+    }
     if (isLinearColorSpace) {
         const auto& gamma = GammaTable();
         for (int32_t i = 0; i < record->size; ++i)
