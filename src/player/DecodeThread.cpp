@@ -168,13 +168,11 @@ bool Player::Impl::FollowSizeChange(const DecodedVideoFrame& placeholder, std::u
         return false;
     }
     instanceInfo = sized;
-    instanceWidth = placeholder.width;
-    instanceHeight = placeholder.height;
     instanceAtNewest = false;
     drained.clear();
     // Smaller pictures fit the split made for larger ones.
-    if (FrameBytes(instanceWidth, instanceHeight) > plannedFrameBytes) {
-        PlanBudget(instanceWidth, instanceHeight);
+    if (FrameBytes(placeholder.width, placeholder.height) > plannedFrameBytes) {
+        PlanBudget(placeholder.width, placeholder.height);
         ClearCaches();
         if (!seekTo)
             seekTo = Now();

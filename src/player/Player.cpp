@@ -102,8 +102,8 @@ bool Player::Open(const QString& path, bool isImage, int64_t imageDuration)
         // Attached pictures (cover art) come with a rate of 90 kHz: no real step.
         d.step = stream.frameStep >= 1000 ? stream.frameStep : 40000;
         d.pixelAspect = stream.pixelAspectRatio;
-        d.probedWidth = d.instanceWidth = stream.width;
-        d.probedHeight = d.instanceHeight = stream.height;
+        d.probedWidth = stream.width;
+        d.probedHeight = stream.height;
         d.PlanBudget(stream.width, stream.height);
     }
     const ContainerFacts facts = isImage ? ContainerFacts() : ReadContainerFacts(path, d.videoStreamIndex);

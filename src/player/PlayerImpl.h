@@ -81,7 +81,6 @@ struct Player::Impl {
     // change of size the instance decodes with a copy of the probed record
     // that carries the new one.
     std::shared_ptr<MediaInfo> instanceInfo;
-    int instanceWidth = 0, instanceHeight = 0;
     int64_t plannedFrameBytes = 0; // the picture size the budget was split for
     int64_t budget;                // the cache's share
     int64_t chunkFrames = 8;       // pictures a backward chunk holds before they go into the cache
