@@ -25,12 +25,15 @@ public:
     struct Stats {
         int64_t videoCacheBudget = 0;       // bytes, the largest the cache was given
         int64_t peakVideoCacheBytes = 0;    // largest cache size after an append
+        // Largest size of the cache and the backward chunk being decoded together.
+        int64_t peakPictureBytes = 0;
         int64_t largestFrameBytes = 0;
         int64_t decodedPictures = 0;
         int64_t decodedMicros = 0;          // media time of the pictures (or audio) decoded
         double decodeSeconds = 0.0;         // wall time spent inside the library's decoding calls
         int seeks = 0;                      // exact seeks, and the seeks made again because one landed late
         int reseeks = 0;
+        int backwardChunks = 0;             // decodes from a key frame for the pictures before the cache
         // Places where the times of the audio frames decoded forwards jump,
         // which the device fill corrects by skipping or repeating samples.
         int driftCorrections = 0;

@@ -158,6 +158,10 @@ void VideoDecoder::Decode(AVPacket* packet, QList<std::shared_ptr<DecodedVideoFr
 
     const bool endOfStream = IsEmpty(packet);
     bool draining = false;
+    // A picture that the trailing-frame filter drops and that no other
+    // picture refers to need not be decoded at all: the lead-in of an exact
+    // seek is mostly such pictures. The decoder reads the setting per packet.
+    codecContext->skip_frame = SkipsPicturesOf(packet, targetTime) ? AVDISCARD_NONREF : AVDISCARD_DEFAULT;
 
     int result = avcodec_send_packet(codecContext, packet);
     // A decoder may refuse a packet until the pictures waiting in it are
@@ -223,6 +227,30 @@ void VideoDecoder::Decode(AVPacket* packet, QList<std::shared_ptr<DecodedVideoFr
             return;
         }
     }
+}
+
+bool VideoDecoder::SkipsPicturesOf(const AVPacket* packet, int64_t targetTime) const
+{
+    if (targetTime < 0 || isImage || packet->pts == AV_NOPTS_VALUE)
+        return false;
+    // Only where a picture nothing refers to leaves no trace in the decoder.
+    // A VP8 or VP9 frame that refreshes no reference can still carry
+    // probabilities that later frames decode with.
+    switch (codecContext->codec_id) {
+    case AV_CODEC_ID_H264:
+    case AV_CODEC_ID_HEVC:
+    case AV_CODEC_ID_MPEG1VIDEO:
+    case AV_CODEC_ID_MPEG2VIDEO:
+    case AV_CODEC_ID_MPEG4:
+        break;
+    default:
+        return false;
+    }
+    // Wholly before the threshold: the picture's time is guessed from its
+    // packet, so it must end there, not merely start before it.
+    const double start = static_cast<double>(packet->pts) * microsecondsPerTick - static_cast<double>(startOffset);
+    return start + frameDuration <=
+           static_cast<double>(targetTime) - Settings::maxTrailingFramesAfterSeek * frameDuration;
 }
 
 bool VideoDecoder::ConvertPicture(QList<std::shared_ptr<DecodedVideoFrame>>& frames, int64_t targetTime)

@@ -37,7 +37,8 @@ public:
     // draining a movie. A decoder that refuses the packet until its waiting
     // pictures are taken out gives those first, so such a call can append
     // more. targetTime >= 0 drops frames more than
-    // Settings::maxTrailingFramesAfterSeek frames before it.
+    // Settings::maxTrailingFramesAfterSeek frames before it, and leaves such
+    // frames that no other refers to undecoded.
     void Decode(AVPacket* packet, QList<std::shared_ptr<DecodedVideoFrame>>& frames, int64_t targetTime);
     // Forgets the context and frees the frames and buffer; keeps the scaler.
     void Reset();
@@ -48,6 +49,9 @@ private:
     // dropped by the trailing-frame filter, or stood in for by a size-change
     // placeholder.
     bool ConvertPicture(QList<std::shared_ptr<DecodedVideoFrame>>& frames, int64_t targetTime);
+    // Whether the pictures of packet would all be dropped by the
+    // trailing-frame filter of targetTime.
+    bool SkipsPicturesOf(const AVPacket* packet, int64_t targetTime) const;
     // Gives the scaler the picture's own colour matrix and range.
     void ApplyColorspace();
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 
 namespace molvane {
 
@@ -49,11 +50,18 @@ void Player::Impl::Run()
             }
             if (startReached && (!oldest || oldest->startTime > startReachedAt))
                 startReached = false;
-            if (video.CanCacheForwards() && !endReached) {
+            if (speed < 0.0 && video.GetFrameCount() > 0 && now <= video.GetEndTime()) {
+                // Playing backwards, the next chunk starts when what is left
+                // to show lasts as long as its decode.
+                if (video.GetStartTime() > 0 && !startReached &&
+                    FramesBefore(now) <= FramesShownDuringChunk(speed)) {
+                    DecodeChunkBefore(video.GetStartTime(), lock);
+                    continue;
+                }
+            } else if (video.CanCacheForwards() && !endReached) {
                 DecodeForward(lock);
                 continue;
-            }
-            if (video.CanCacheBackwards() && video.GetStartTime() > 0 && !startReached) {
+            } else if (video.CanCacheBackwards() && video.GetStartTime() > 0 && !startReached) {
                 DecodeChunkBefore(video.GetStartTime(), lock);
                 continue;
             }
@@ -186,6 +194,13 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
     audioInStep = true;
     ++stats.seeks;
     int64_t early = largeSeekOffset ? kSecond : hasVideo ? 0 : kAudioPreroll;
+    // Playing backwards, the pictures before the target come next: keep
+    // what the cache holds besides the frames to turn round on, decoded
+    // already.
+    const int64_t trailing =
+        speed < 0.0 ? std::max<int64_t>(kTrailingPictures, cacheFrames - FramesShownDuringChunk(1.0) - 2)
+                    : kTrailingPictures;
+    const auto begin = std::chrono::steady_clock::now();
     bool handedOn = false; // to forward decoding, after a change of size
     for (bool again = true; again && !handedOn;) {
         again = false;
@@ -202,12 +217,7 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
         for (; calls < kMaxCallsPerJob && !quit && seekTo == target && !again && !handedOn; ++calls) {
             VideoList pictures;
             AudioList sounds;
-            // The library leaves the pictures far before the target
-            // unconverted. Not too far: the filter ends a drain at the first
-            // picture it drops, and the pictures a decoder holds back for the
-            // drain must all come out.
-            const int64_t unconverted = target - early - std::max(kSecond * 2, 24 * step);
-            const bool more = DecodeCall(pictures, sounds, std::max<int64_t>(-1, unconverted), lock);
+            const bool more = DecodeCall(pictures, sounds, ConvertFrom(target - early, trailing), lock);
             if (!landedLate)
                 AppendAudio(sounds);
             for (const auto& picture : pictures) {
@@ -222,9 +232,6 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
                     break;
                 }
                 first = false;
-                // Playing backwards, the pictures before the target come next:
-                // keep what a backward chunk would hold, decoded already.
-                const int64_t trailing = speed < 0.0 ? chunkFrames : kTrailingPictures;
                 if (picture->data && picture->startTime < target - trailing * step) {
                     before = picture;
                     continue;
@@ -285,6 +292,9 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
         again = true;
     }
     instanceAtNewest = !handedOn;
+    // A seek decodes from a key frame, as a backward chunk does: the best
+    // guess of what the first chunk costs.
+    chunkSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
 }
 
 void Player::Impl::DecodeForward(std::unique_lock<std::mutex>& lock)
@@ -306,7 +316,9 @@ void Player::Impl::DecodeForward(std::unique_lock<std::mutex>& lock)
     bool more = true;
     if (pictures.isEmpty()) {
         AudioList sounds;
-        more = DecodeCall(pictures, sounds, -1, lock);
+        // Resuming, the pictures up to the newest cached one are decoded
+        // only to reach it: the library need not convert them.
+        more = DecodeCall(pictures, sounds, landBy >= 0 ? ConvertFrom(landBy, 0) : -1, lock);
         if (landBy >= 0)
             landingSounds += sounds;
         else
@@ -407,7 +419,62 @@ bool Player::Impl::AppendForward(const std::shared_ptr<DecodedVideoFrame>& pictu
     }
     stats.largestFrameBytes = std::max<int64_t>(stats.largestFrameBytes, picture->size);
     stats.peakVideoCacheBytes = std::max(stats.peakVideoCacheBytes, video.GetSize());
+    stats.peakPictureBytes = std::max(stats.peakPictureBytes, video.GetSize());
     return true;
+}
+
+// The library leaves the pictures before the kept ones unconverted, and
+// those of them that nothing refers to undecoded. Near the end of the
+// stream it may not reach the drain, which the filter ends at the first
+// picture it drops: the pictures a decoder holds back must all come out.
+int64_t Player::Impl::ConvertFrom(int64_t time, int64_t kept) const
+{
+    const bool nearEnd = duration <= 0 || time + 2 * kSecond + 24 * step >= duration;
+    const int64_t margin = nearEnd ? std::max(2 * kSecond, (kept + 24) * step) : (kept + 1) * step;
+    return std::max<int64_t>(-1, time - margin);
+}
+
+// Playing backwards: what is shown while the next chunk decodes, if it
+// costs a quarter more than the last one, and a few frames more.
+int64_t Player::Impl::FramesShownDuringChunk(double atSpeed) const
+{
+    const double perSecond = std::abs(atSpeed) * double(kSecond) / double(step);
+    const int64_t frames = int64_t(std::ceil(perSecond * chunkSeconds * 1.25)) + 4;
+    // Both ends of a chunk's share: the chunk at least a quarter of it.
+    return std::min(frames, cacheFrames * 3 / 8);
+}
+
+int Player::Impl::FramesBefore(int64_t now) const
+{
+    if (!Covers(now))
+        return now < video.GetStartTime() ? 0 : video.GetFrameCount();
+    // The largest offset back that still finds a frame, by bisection.
+    int low = 0, high = video.GetFrameCount();
+    while (low + 1 < high) {
+        const int middle = (low + high) / 2;
+        (video.GetFrame(now, -middle) ? low : high) = middle;
+    }
+    return low;
+}
+
+void Player::Impl::DropFramesAfter(int64_t now, int64_t keep)
+{
+    const auto last = video.GetFrame(std::max(now, video.GetStartTime()), int(keep));
+    if (!last || last == video.LastFrame())
+        return;
+    // The cache drops from its far end only one frame at a time, and only
+    // when full: build it again from the frames kept.
+    VideoList kept;
+    for (auto frame = video.FirstFrame(); frame; frame = video.GetFrame(frame->startTime, 1)) {
+        kept.append(frame);
+        if (frame == last)
+            break;
+    }
+    if (video.LastFrame()->startTime == openPictureStart)
+        openPictureStart = -1;
+    video.ForceClear();
+    for (const auto& frame : kept)
+        video.AppendFrame(frame);
 }
 
 void Player::Impl::DecodeChunkBefore(int64_t start, std::unique_lock<std::mutex>& lock)
@@ -416,9 +483,21 @@ void Player::Impl::DecodeChunkBefore(int64_t start, std::unique_lock<std::mutex>
     drained.clear();
     audioInStep = false;
     // A chunk costs a decode from the key frame before it: make it as long
-    // as its share of the budget holds, so that long GOPs are paid for less
-    // often.
-    for (int64_t chunk = chunkFrames * step;; chunk *= 2) {
+    // as the room the cache leaves, so that long GOPs are paid for less
+    // often. Playing backwards, the cache keeps what is shown while it
+    // decodes and the frames to turn round on, at 1×; otherwise the frames
+    // ahead that the cache's policy asks for.
+    const bool backwards = speed < 0.0;
+    const int64_t keep = backwards ? FramesShownDuringChunk(1.0) : cacheFrames / 2;
+    DropFramesAfter(Now(), keep);
+    // Played backwards, what is left to show is shown while the chunk
+    // decodes: the chunk is planned for the room that leaves, and takes what
+    // the cache has given up by the time its pictures come.
+    const int64_t planned = std::max<int64_t>(
+        1, cacheFrames - (backwards ? std::min<int64_t>(video.GetFrameCount(), keep + 1) : video.GetFrameCount()));
+    const auto begin = std::chrono::steady_clock::now();
+    ++stats.backwardChunks;
+    for (int64_t chunk = planned * step;; chunk *= 2) {
         const int64_t from = std::max<int64_t>(0, start - chunk);
         lock.unlock();
         Reposition(from - (largeSeekOffset && from > 0 ? kSecond : 0));
@@ -429,27 +508,35 @@ void Player::Impl::DecodeChunkBefore(int64_t start, std::unique_lock<std::mutex>
             AudioList ignored; // reverse play is silent
             // The library leaves the pictures before the chunk unconverted.
             const bool more = DecodeCall(out, ignored, from, lock);
+            if (backwards)
+                DropFramesAfter(Now(), keep);
+            const int64_t room = std::max<int64_t>(1, cacheFrames - video.GetFrameCount());
             bool past = !more;
             for (const auto& picture : out) {
                 past = past || picture->data == nullptr || picture->startTime >= start;
-                if (!past && picture->startTime + step > 0 && picture->startTime >= from - step) {
-                    // Only the newest pictures before start fit the chunk's share.
-                    if (pictures.size() >= chunkFrames)
-                        pictures.removeFirst();
+                if (!past && picture->startTime + step > 0 && picture->startTime >= from - step)
                     pictures.append(picture);
-                }
             }
+            // Only the newest pictures before start fit the room.
+            while (pictures.size() > room)
+                pictures.removeFirst();
+            int64_t held = video.GetSize();
+            for (const auto& picture : pictures)
+                held += picture->size;
+            stats.peakPictureBytes = std::max(stats.peakPictureBytes, held);
             if (past)
                 break;
         }
         if (quit || seekTo || start != video.GetStartTime())
             return;
+        chunkSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
         startReached = pictures.isEmpty();
         startReachedAt = start;
         if (!pictures.isEmpty() || from == 0) {
-            // Newest first: each lands just before the oldest cached one, as
-            // long as the cache's policy makes room for it. The newest ends
-            // where the oldest cached picture starts.
+            // Newest first: each lands just before the oldest cached one.
+            // Played backwards all of them fit; otherwise as long as the
+            // cache's policy makes room for them. The newest ends where the
+            // oldest cached picture starts.
             int64_t successor = start;
             bool appended = false, switched = false;
             for (auto it = pictures.rbegin(); it != pictures.rend(); ++it) {
@@ -460,9 +547,11 @@ void Player::Impl::DecodeChunkBefore(int64_t start, std::unique_lock<std::mutex>
                         break;
                     continue;
                 }
-                video.UpdateCache(Now(), mediaEnd, speed != 0.0, speed >= 0.0);
-                if (!video.CanCacheBackwards() && video.GetFrameCount() > 0)
-                    break;
+                if (!backwards) {
+                    video.UpdateCache(Now(), mediaEnd, speed != 0.0, speed >= 0.0);
+                    if (!video.CanCacheBackwards() && video.GetFrameCount() > 0)
+                        break;
+                }
                 (*it)->endTime = successor - 1;
                 successor = (*it)->startTime;
                 video.AppendFrame(*it);

@@ -94,6 +94,7 @@ bool Player::Open(const QString& path, bool isImage, int64_t imageDuration)
     d.passFromStart = true;
     d.passHadPicture = false;
     d.plannedFrameBytes = 0;
+    d.chunkSeconds = 0.0;
     if (d.hasVideo) {
         VideoStream stream;
         d.videoStreamIndex = d.instance.GetActiveVideoStreamIndex();
@@ -181,18 +182,17 @@ void Player::Close()
     d.hasVideo = d.hasAudio = false;
 }
 
-// The budget holds the decoder's own pictures (about eleven of ours), the
-// backward chunk being decoded (up to half of the rest: the longer a chunk,
-// the less often reverse play pays for a decode from the key frame) and the
-// cache, all of pictures of the size given (the largest met so far). Fewer
-// than 30 cached frames always ask for more ahead, which would stop reverse
-// play: the cache holds at least 33. Empties the video cache.
+// The budget holds the decoder's own pictures (about eleven of ours) and,
+// in all the rest, the cache together with the backward chunk being
+// decoded: a chunk is only as long as the room the cache leaves it, and the
+// longer it is, the less often reverse play pays for a decode from the key
+// frame. Fewer than 30 cached frames always ask for more ahead, which would
+// stop reverse play: the budget holds at least 43. Empties the video cache.
 void Player::Impl::PlanBudget(int width, int height)
 {
     const int64_t frameBytes = FrameBytes(width, height);
-    const int64_t frames = std::max<int64_t>(requestedBudget / frameBytes, 54) - kDecoderPictures;
-    chunkFrames = std::min(frames / 2, frames - 33);
-    budget = (frames - chunkFrames) * frameBytes;
+    cacheFrames = std::max<int64_t>(requestedBudget / frameBytes, 54) - kDecoderPictures;
+    budget = cacheFrames * frameBytes;
     plannedFrameBytes = frameBytes;
     video.SetMaxCacheSize(budget, int(frameBytes / 3 / std::max(1, height)), std::max(1, height), 3);
     openPictureStart = -1;

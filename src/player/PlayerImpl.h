@@ -82,8 +82,11 @@ struct Player::Impl {
     // that carries the new one.
     std::shared_ptr<MediaInfo> instanceInfo;
     int64_t plannedFrameBytes = 0; // the picture size the budget was split for
-    int64_t budget;                // the cache's share
-    int64_t chunkFrames = 8;       // pictures a backward chunk holds before they go into the cache
+    int64_t budget;                // the cache's and the backward chunk's share
+    int64_t cacheFrames = 43;      // pictures of the planned size that share fits
+    // Wall time of the last backward chunk: what is shown while the next one
+    // decodes is cached before it starts.
+    double chunkSeconds = 0.0;
     int switchesWithoutPicture = 0;
     // Whether the input's last repositioning went to the start of the
     // stream, and whether a picture (of any size) came out since.
@@ -131,6 +134,15 @@ struct Player::Impl {
     void ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock);
     void DecodeForward(std::unique_lock<std::mutex>& lock);
     void DecodeChunkBefore(int64_t start, std::unique_lock<std::mutex>& lock);
+    // The target that has the library convert the pictures from kept
+    // frames before time on.
+    int64_t ConvertFrom(int64_t time, int64_t kept) const;
+    // Playing backwards: frames shown while the next chunk decodes, at speed.
+    int64_t FramesShownDuringChunk(double speed) const;
+    // Cached frames before the one at now (all when now lies after them).
+    int FramesBefore(int64_t now) const;
+    // Drops the cached frames more than keep frames after the one at now.
+    void DropFramesAfter(int64_t now, int64_t keep);
     bool DecodeCall(VideoList& video, AudioList& audio, int64_t target, std::unique_lock<std::mutex>& lock);
     void Reposition(int64_t time);
     bool AppendForward(const std::shared_ptr<DecodedVideoFrame>& frame);

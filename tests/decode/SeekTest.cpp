@@ -10,6 +10,8 @@
 
 #include <gtest/gtest.h>
 
+#include <QCryptographicHash>
+
 #include <algorithm>
 #include <tuple>
 #include <vector>
@@ -128,6 +130,80 @@ TEST(Seek, PicturesBeforeTheTargetFollowTheTrailingLimit)
     // drain ends the call: no end-of-stream marker either.
     instance.Seek(1900000);
     EXPECT_TRUE(DecodeAll(instance, 5000000).video.isEmpty());
+}
+
+TEST(Seek, LeadInPicturesNothingReferencesGoUndecodedWithoutChangingARecord)
+{
+    // Pictures the trailing limit drops, and that no other picture refers
+    // to, are not decoded at all. Every record delivered must stay as if
+    // they were: the same pictures, bytes, times, size-change placeholders
+    // and end-of-stream marker, with targets in the middle, in the drain at
+    // the end and past it. The reference is a decode without a target, cut
+    // as the filter cuts: a dropped picture ends a drain, and its marker.
+    using Record = std::tuple<int64_t, int, int, int, QByteArray>; // start, width, height, status, digest
+    const auto record = [](const DecodedVideoFrame& frame) {
+        const QByteArray bytes = QByteArray::fromRawData(reinterpret_cast<const char*>(frame.data), frame.size);
+        return Record(frame.data ? frame.startTime : -1, frame.width, frame.height, frame.status,
+                      QCryptographicHash::hash(bytes, QCryptographicHash::Md5));
+    };
+    const auto timing = [](Record r) { return std::get<4>(r) = QByteArray(), r; };
+    // Damaged pictures are concealed from the picture decoded last, which
+    // a skipped one would have been: there only the pictures and their
+    // times must stay.
+    for (const QString file : {"long_gop.mp4", "hevc_aac_854x480.ts", "h264_aac.mp4", "ntsc.mp4", "hevc_open_gop.mkv",
+                               "mpeg1.mpg", "mpeg2.ts", "mpeg4.mp4", "vp8.webm", "vp9.webm", "vp9_2pass.webm",
+                               "size_change.ts", "ad_break.ts", "long_gop_damaged.mp4"}) {
+        SCOPED_TRACE(file.toStdString());
+        const bool damaged = file.contains("damaged");
+        auto info = Probe(file);
+        MediaInstance instance;
+        ASSERT_TRUE(instance.Initialize(info, 0));
+        std::vector<std::vector<Record>> calls; // the records of each call, without a target
+        std::vector<int64_t> starts;
+        double frame = 0.0;
+        while (instance.HasPacket()) {
+            Decoded decoded;
+            instance.DecodePacket(decoded.audio, decoded.video, -1);
+            calls.emplace_back();
+            for (const auto& picture : decoded.video) {
+                calls.back().push_back(record(*picture));
+                if (picture->data)
+                    starts.push_back(picture->startTime), frame = 1e6 / picture->frameRate;
+            }
+        }
+        const int count = int(starts.size());
+        ASSERT_GT(count, 12);
+        std::vector<int64_t> targets;
+        for (int back : {count / 2, 8, 6, 4, 3, 2, 1})
+            targets.push_back(starts[count - back] + int64_t(frame / 2));
+        targets.push_back(starts.back() + int64_t(5 * frame));
+        int differing = 0;
+        for (const int64_t target : targets) {
+            const double threshold = double(target) - Settings::maxTrailingFramesAfterSeek * frame;
+            std::vector<Record> expected;
+            for (size_t call = 0; call < calls.size(); ++call) {
+                const bool drain = call + 1 == calls.size();
+                for (const Record& r : calls[call]) {
+                    const bool dropped = std::get<0>(r) >= 0 && double(std::get<0>(r)) < threshold;
+                    if (dropped && drain)
+                        break;
+                    if (!dropped)
+                        expected.push_back(r);
+                }
+            }
+            instance.CloseInput();
+            std::vector<Record> delivered;
+            for (const auto& picture : DecodeAll(instance, target).video)
+                delivered.push_back(record(*picture));
+            if (damaged) {
+                std::transform(delivered.begin(), delivered.end(), delivered.begin(), timing);
+                std::transform(expected.begin(), expected.end(), expected.begin(), timing);
+            }
+            differing += delivered != expected;
+            EXPECT_EQ(delivered.size(), expected.size()) << "T=" << target;
+        }
+        EXPECT_EQ(differing, 0);
+    }
 }
 
 TEST(Seek, StillShowsItsPictureAgainAfterEverySeekAndNeverAMarker)

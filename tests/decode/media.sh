@@ -9,6 +9,13 @@ derive hevc_open_gop.mp4 hevc_open_gop.mkv -c copy
 make vp8.webm -f lavfi -i "$(paint 320x240 25 75)" -c:v libvpx -g 30 -cpu-used 8 -b:v 1M
 # libvpx-vp9 codes hidden alternate reference frames.
 make vp9.webm -f lavfi -i "$(paint 320x240 25 75)" -c:v libvpx-vp9 -g 30 -cpu-used 8 -b:v 1M
+# One GOP of 8 s with 3 B-frames, most of them referenced by none (x264's
+# B-pyramid): what reverse play and skipped lead-ins meet in long recordings.
+make long_gop.mp4 -f lavfi -i "$(paint 320x240 25 200)" -f lavfi -i "$(tone 48000 8)" \
+    -c:v libx264 -g 250 -keyint_min 250 -sc_threshold 0 -bf 3 -c:a aac
+# The same with one byte in 4,000 of its pictures overwritten: concealed
+# errors in the pictures that lead to a target.
+derive long_gop_damaged.mp4 long_gop.mp4 -map 0:v -c copy -bsf:v noise=amount=4000
 # 10-bit 4:2:0 with a sample aspect of 4:3: 320 pixels widen to 426, whose rows need padding.
 make widened_10bit.mkv -f lavfi -i "$(paint 320x240 25 10),format=yuv420p10le,setsar=4/3" -c:v libx264
 # One transport stream: 10 pictures at 320x240, then 10 at 256x144.

@@ -61,7 +61,7 @@ TEST(Player, ShowsThePaintedFrameOfEveryTickWhileADeviceThreadFillsAudio)
     EXPECT_LE(player.GetStats().peakVideoCacheBytes,
               player.GetStats().videoCacheBudget + player.GetStats().largestFrameBytes);
 
-    // Paused at 0, the cache (33 pictures) cannot reach 1.9 s: waiting for it gives up.
+    // Paused at 0, the cache (43 pictures) cannot reach 1.9 s: waiting for it gives up.
     player.Seek(0);
     ASSERT_TRUE(player.WaitFrameAt(0));
     EXPECT_EQ(player.WaitFrameAt(1900000), nullptr);
@@ -164,5 +164,41 @@ TEST(Player, SoundEndsInSilenceWhileTheClockIsHeldAtTheEnd)
         }
         EXPECT_EQ(previous, lastFrame);
         EXPECT_GE(silentAfterEnd, 20 * 480);
+    }
+}
+
+TEST(Player, PlaysOneLongGopBackwardsFromItsEndWithinASmallBudget)
+{
+    // 200 pictures after a single key frame, 43 of them in the budget: each
+    // backward chunk decodes from the start of the file, so the chunks must
+    // be long, and the pictures they hold must fit the budget with the cache.
+    const int64_t budget = 54 * 320 * 240 * 3;
+    molvane::Player player(budget);
+    // {start, speed, ticks}: backwards to the first picture, forwards again
+    // after reversing, and fast backwards from the end.
+    for (const auto& [start, speed, ticks] :
+         {std::tuple{7999999, -1.0, 200}, {6000000, -1.0, 40}, {-1, 1.0, 60}, {7999999, -4.0, 50}}) {
+        SCOPED_TRACE(testing::Message() << "speed " << speed << " from " << start);
+        if (start == 7999999) {
+            ASSERT_TRUE(player.Open(MediaPath("long_gop.mp4")));
+        }
+        if (start >= 0)
+            player.Seek(start);
+        player.SetSpeed(speed);
+        const molvane::Player::Stats before = player.GetStats();
+        for (int tick = 0; tick < ticks; ++tick, player.Advance(40000)) {
+            const int64_t now = player.Position();
+            const auto frame = player.WaitFrameAt(now);
+            ASSERT_TRUE(frame) << "at " << now;
+            ASSERT_EQ(PaintedIndex(*frame), int(now / 40000)) << "at " << now;
+        }
+        const molvane::Player::Stats after = player.GetStats();
+        EXPECT_EQ(after.reseeks, 0);
+        EXPECT_LE(after.peakPictureBytes, after.videoCacheBudget);
+        EXPECT_GE(after.peakPictureBytes, after.peakVideoCacheBytes);
+        EXPECT_EQ(after.videoCacheBudget, budget - 11 * 320 * 240 * 3); // the decoder holds the rest
+        // Chunks of at least 20 of the 43 pictures, however long the last
+        // one took; none forwards.
+        EXPECT_LE(after.backwardChunks - before.backwardChunks, speed < 0.0 ? int(ticks * -speed) / 20 + 1 : 0);
     }
 }

@@ -319,6 +319,8 @@ int main(int argc, char** argv)
         {"seeks_made_again", stats.reseeks},
         {"drift_corrections", stats.driftCorrections},
         {"peak_video_cache_bytes", double(stats.peakVideoCacheBytes)},
+        {"peak_picture_bytes", double(stats.peakPictureBytes)},
+        {"backward_chunks", stats.backwardChunks},
         {"video_cache_budget_bytes", double(stats.videoCacheBudget)},
         {"largest_frame_bytes", double(stats.largestFrameBytes)},
         {"seek_to_frame_ms_median", Percentile(seekMillis, 0.5)},
