@@ -13,6 +13,7 @@ packages=(
   portaudio19-dev
   xvfb xauth pulseaudio pulseaudio-utils libasound2-plugins
   valgrind
+  mpv jq time
 )
 
 missing=()
