@@ -13,7 +13,6 @@ packages=(
   portaudio19-dev
   xvfb xauth pulseaudio pulseaudio-utils libasound2-plugins
   valgrind
-  mpv jq time
 )
 
 missing=()

@@ -198,7 +198,7 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
     // what the cache holds besides the frames to turn round on, decoded
     // already.
     const int64_t trailing =
-        speed < 0.0 ? std::max<int64_t>(kTrailingPictures, cacheFrames - FramesShownDuringChunk(1.0) - 2)
+        speed < 0.0 ? std::max<int64_t>(kTrailingPictures, cacheFrames - cacheFrames * 3 / 8 - 2)
                     : kTrailingPictures;
     const auto begin = std::chrono::steady_clock::now();
     bool handedOn = false; // to forward decoding, after a change of size
@@ -440,8 +440,9 @@ int64_t Player::Impl::FramesShownDuringChunk(double atSpeed) const
 {
     const double perSecond = std::abs(atSpeed) * double(kSecond) / double(step);
     const int64_t frames = int64_t(std::ceil(perSecond * chunkSeconds * 1.25)) + 4;
-    // Both ends of a chunk's share: the chunk at least a quarter of it.
-    return std::min(frames, cacheFrames * 3 / 8);
+    // What is shown while the chunk decodes leaves the cache as it goes,
+    // before the chunk's pictures come: it may take up to half of it.
+    return std::min(frames, cacheFrames / 2);
 }
 
 int Player::Impl::FramesBefore(int64_t now) const
@@ -488,7 +489,9 @@ void Player::Impl::DecodeChunkBefore(int64_t start, std::unique_lock<std::mutex>
     // decodes and the frames to turn round on, at 1×; otherwise the frames
     // ahead that the cache's policy asks for.
     const bool backwards = speed < 0.0;
-    const int64_t keep = backwards ? FramesShownDuringChunk(1.0) : cacheFrames / 2;
+    // The frames to turn round on stay all the while: at most 3/8 of the
+    // cache, so that the chunk gets at least a quarter of it.
+    const int64_t keep = backwards ? std::min(FramesShownDuringChunk(1.0), cacheFrames * 3 / 8) : cacheFrames / 2;
     DropFramesAfter(Now(), keep);
     // Played backwards, what is left to show is shown while the chunk
     // decodes: the chunk is planned for the room that leaves, and takes what
@@ -529,7 +532,10 @@ void Player::Impl::DecodeChunkBefore(int64_t start, std::unique_lock<std::mutex>
         }
         if (quit || seekTo || start != video.GetStartTime())
             return;
-        chunkSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+        // The costliest chunk since the last jump: going back past a key
+        // frame, the next chunk decodes the whole GOP before it.
+        chunkSeconds = std::max(chunkSeconds,
+                                std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
         startReached = pictures.isEmpty();
         startReachedAt = start;
         if (!pictures.isEmpty() || from == 0) {

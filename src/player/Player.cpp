@@ -182,12 +182,12 @@ void Player::Close()
     d.hasVideo = d.hasAudio = false;
 }
 
-// The budget holds the decoder's own pictures (about eleven of ours) and,
+// The budget holds the decoder's own pictures (about twelve of ours) and,
 // in all the rest, the cache together with the backward chunk being
 // decoded: a chunk is only as long as the room the cache leaves it, and the
 // longer it is, the less often reverse play pays for a decode from the key
 // frame. Fewer than 30 cached frames always ask for more ahead, which would
-// stop reverse play: the budget holds at least 43. Empties the video cache.
+// stop reverse play: the budget holds at least 42. Empties the video cache.
 void Player::Impl::PlanBudget(int width, int height)
 {
     const int64_t frameBytes = FrameBytes(width, height);

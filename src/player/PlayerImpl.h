@@ -35,8 +35,9 @@ inline constexpr int kMaxCallsPerJob = 20000;
 // A jump in the audio frames' times that the device fill corrects (µs).
 inline constexpr int64_t kDriftCorrected = 10000;
 // What the decoder holds of its own (reference pictures, one per thread), in
-// pictures of the cache's size: its planes are half as large.
-inline constexpr int64_t kDecoderPictures = 11;
+// pictures of the cache's size: its planes are half as large. One more for
+// the allocator's slack, measured at 1080p.
+inline constexpr int64_t kDecoderPictures = 12;
 // Sound decoded before the target of a jump in a file without video: the
 // first frames after a decoder's flush come out wrong (AAC's overlap, MP3's
 // bit reservoir; Opus asks for 80 ms).
@@ -83,9 +84,9 @@ struct Player::Impl {
     std::shared_ptr<MediaInfo> instanceInfo;
     int64_t plannedFrameBytes = 0; // the picture size the budget was split for
     int64_t budget;                // the cache's and the backward chunk's share
-    int64_t cacheFrames = 43;      // pictures of the planned size that share fits
-    // Wall time of the last backward chunk: what is shown while the next one
-    // decodes is cached before it starts.
+    int64_t cacheFrames = 42;      // pictures of the planned size that share fits
+    // Wall time of the costliest backward chunk since the last jump: what is
+    // shown while the next one decodes is cached before it starts.
     double chunkSeconds = 0.0;
     int switchesWithoutPicture = 0;
     // Whether the input's last repositioning went to the start of the

@@ -61,7 +61,7 @@ TEST(Player, ShowsThePaintedFrameOfEveryTickWhileADeviceThreadFillsAudio)
     EXPECT_LE(player.GetStats().peakVideoCacheBytes,
               player.GetStats().videoCacheBudget + player.GetStats().largestFrameBytes);
 
-    // Paused at 0, the cache (43 pictures) cannot reach 1.9 s: waiting for it gives up.
+    // Paused at 0, the cache (42 pictures) cannot reach 1.9 s: waiting for it gives up.
     player.Seek(0);
     ASSERT_TRUE(player.WaitFrameAt(0));
     EXPECT_EQ(player.WaitFrameAt(1900000), nullptr);
@@ -169,7 +169,7 @@ TEST(Player, SoundEndsInSilenceWhileTheClockIsHeldAtTheEnd)
 
 TEST(Player, PlaysOneLongGopBackwardsFromItsEndWithinASmallBudget)
 {
-    // 200 pictures after a single key frame, 43 of them in the budget: each
+    // 200 pictures after a single key frame, 42 of them in the budget: each
     // backward chunk decodes from the start of the file, so the chunks must
     // be long, and the pictures they hold must fit the budget with the cache.
     const int64_t budget = 54 * 320 * 240 * 3;
@@ -196,8 +196,8 @@ TEST(Player, PlaysOneLongGopBackwardsFromItsEndWithinASmallBudget)
         EXPECT_EQ(after.reseeks, 0);
         EXPECT_LE(after.peakPictureBytes, after.videoCacheBudget);
         EXPECT_GE(after.peakPictureBytes, after.peakVideoCacheBytes);
-        EXPECT_EQ(after.videoCacheBudget, budget - 11 * 320 * 240 * 3); // the decoder holds the rest
-        // Chunks of at least 20 of the 43 pictures, however long the last
+        EXPECT_EQ(after.videoCacheBudget, budget - 12 * 320 * 240 * 3); // the decoder holds the rest
+        // Chunks of at least 20 of the 42 pictures, however long the last
         // one took; none forwards.
         EXPECT_LE(after.backwardChunks - before.backwardChunks, speed < 0.0 ? int(ticks * -speed) / 20 + 1 : 0);
     }
