@@ -13,8 +13,10 @@ jobs=$(nproc)
 "$root/scripts/build.sh" "$root/build"
 ctest --test-dir "$root/build" --output-on-failure -j"$jobs"
 
+# The sanitizer build reads the normal build's test media.
 CC=clang-14 CXX=clang++-14 "$root/scripts/build.sh" "$root/build-asan" \
-  -DCMAKE_BUILD_TYPE=Debug -DMOLVANEAV_SANITIZE=ON -DMOLVANEAV_BUILD_BENCH=OFF
+  -DCMAKE_BUILD_TYPE=Debug -DMOLVANEAV_SANITIZE=ON -DMOLVANEAV_BUILD_BENCH=OFF \
+  -DMOLVANE_TEST_MEDIA="$root/build/test-media"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --test-dir "$root/build-asan" --output-on-failure -j"$jobs" -LE package
 

@@ -61,7 +61,18 @@ derive() {
 }
 
 # The shared catalogue first: the folders' recipes derive from its files.
-for recipes in "$here"/support/media.sh $(ls "$here"/*/media.sh | grep -v /support/); do
+# Then the folders side by side (each encoder runs on one thread, and no
+# folder derives from another's files).
+# shellcheck source=/dev/null
+source "$here"/support/media.sh
+pids=()
+for recipes in $(ls "$here"/*/media.sh | grep -v /support/); do
     # shellcheck source=/dev/null
-    source "$recipes"
+    (source "$recipes") &
+    pids+=($!)
 done
+status=0
+for pid in "${pids[@]}"; do
+    wait "$pid" || status=1
+done
+exit $status
