@@ -7,26 +7,37 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 jobs=$(nproc)
+# Each phase says how long the run has taken so far: CI must stay within 10 minutes.
+phase() { echo "== test.sh at ${SECONDS} s: $*"; }
 
 "$root/scripts/setup.sh"
 
+phase "normal build"
 "$root/scripts/build.sh" "$root/build"
+phase "normal tests"
 ctest --test-dir "$root/build" --output-on-failure -j"$jobs"
 
+phase "ASan + UBSan build"
 # The sanitizer build reads the normal build's test media.
 CC=clang-14 CXX=clang++-14 "$root/scripts/build.sh" "$root/build-asan" \
   -DCMAKE_BUILD_TYPE=Debug -DMOLVANEAV_SANITIZE=ON -DMOLVANEAV_BUILD_BENCH=OFF \
   -DMOLVANE_TEST_MEDIA="$root/build/test-media"
+phase "ASan + UBSan tests"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --test-dir "$root/build-asan" --output-on-failure -j"$jobs" -LE package
 
+phase "fuzzing"
 # Each fuzz target for a minute (clang, ASan + UBSan), seeded from the test media.
 MEDIA="$root/build/test-media" "$root/scripts/fuzz.sh" decode_media_fuzz 60
 MEDIA="$root/build/test-media" "$root/scripts/fuzz.sh" cache_calls_fuzz 60
 
-# Only the programs of the `threads` label are built here.
+phase "ThreadSanitizer build and tests"
+# Only the programs of the `threads` label are built here; the media are the
+# normal build's.
 CC=clang-14 CXX=clang++-14 cmake -G Ninja -S "$root" -B "$root/build-tsan" \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMOLVANEAV_TSAN=ON -DMOLVANEAV_BUILD_BENCH=OFF -DMOLVANEAV_BUILD_TOOLS=OFF >/dev/null
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMOLVANEAV_TSAN=ON -DMOLVANEAV_BUILD_BENCH=OFF -DMOLVANEAV_BUILD_TOOLS=OFF \
+  -DMOLVANE_TEST_MEDIA="$root/build/test-media" >/dev/null
 cmake --build "$root/build-tsan" --target audio_thread_stress_test player_test
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
   ctest --test-dir "$root/build-tsan" -L threads --output-on-failure
+phase "done"
