@@ -172,7 +172,7 @@ INSTANTIATE_TEST_SUITE_P(Files, PlayerScenario, testing::ValuesIn(kScenarios));
 TEST(Player, SoundEndsInSilenceWhileTheClockIsHeldAtTheEnd)
 {
     // Positional PCM: each sample frame says which source frame it is.
-    for (const char* file : {"s16_stereo.wav", "multi_stream.mkv"}) {
+    for (const char* file : {"s16_stereo.wav", "positional_6s.wav", "multi_stream.mkv"}) {
         SCOPED_TRACE(file);
         molvane::Player player;
         ASSERT_TRUE(player.Open(MediaPath(file)));
