@@ -42,13 +42,14 @@ struct Scenario {
 };
 
 const Scenario kScenarios[] = {
-    // A small budget: the cache recycles all the time. Three trailing
-    // pictures stay before a jump's target.
+    // A small budget: the cache recycles all the time.
     {"h264_aac.mp4", 8 << 20,
      "speed 1 ticks 50 seek 1999999 speed -1 ticks 49 seek 400000 speed 2 ticks 20 seek 1500000 speed 1 ticks 12 "
-     "seek 1000000 speed -2 ticks 12 seek 420000 speed 0 ticks 1 step 1 step 1 step -1 step -1 step -3 step 25 "
-     "seek 0 ticks 1 beyond 1900000",
+     "seek 1000000 speed -2 ticks 12 seek 420000 speed 0 ticks 1 step 1 step -1 step 25 seek 0 ticks 1 beyond 1900000",
      6},
+    // Past the 42 pictures cached from the start: three trailing pictures
+    // stay before the jump's target, to step back to.
+    {"h264_aac.mp4", 8 << 20, "seek 1880000 ticks 1 step -3 step 1 step 1 step -1 step 3", 1},
     // Backwards past what the budget keeps, then forwards again: the
     // pictures dropped at the end are decoded again.
     {"mpeg4.mp4", 8 << 20, "seek 1000000 ticks 1 seek 1990000 speed -1 ticks 35 speed 1 ticks 35", 1},
