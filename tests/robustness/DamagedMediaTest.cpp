@@ -134,12 +134,9 @@ void PassThroughCaches(const Decoded& decoded, const Source& source)
         frame->endTime = start + source.step - 1;
         video.AppendFrame(frame);
         video.UpdateCache(start, mediaEnd, true, true);
-        for (const int offset : {-1, 0, 1}) {
-            const auto shown = video.GetFrame(start, offset);
-            if (shown && offset == 0) {
-                EXPECT_TRUE(shown->startTime <= start && start <= shown->endTime) << "frame at " << start;
-            }
-        }
+        video.GetFrame(start, -1), video.GetFrame(start, 1); // neighbours of any list, without a crash
+        const auto shown = video.GetFrame(start, 0);
+        EXPECT_TRUE(!shown || (shown->startTime <= start && start <= shown->endTime)) << "frame at " << start;
     }
     DecodedAudio audio;
     audio.SetMaxFrameCount(256);
@@ -178,9 +175,7 @@ std::string Play(const QString& path)
     int pictures = 0, placeholders = 0;
     int64_t samples = 0;
     for (const auto& frame : whole.video) {
-        if (frame->data && frame->status == 0) {
-            EXPECT_EQ(frame->size, RowStride(frame->width) * frame->height);
-        }
+        EXPECT_TRUE(!frame->data || frame->status || frame->size == RowStride(frame->width) * frame->height);
         pictures += frame->data ? 1 : 0;
         placeholders += frame->status == 1 ? 1 : 0;
     }
@@ -206,9 +201,8 @@ TEST_P(DamagedMedia, EveryDamagedCopyEndsWithinItsBudgetAndGivesItsRecordedOutco
     QFile file(MediaPath(row.clip));
     ASSERT_TRUE(file.open(QIODevice::ReadOnly));
     const Bytes original = file.readAll();
-    ASSERT_GT(original.size(), 1000);
     QTemporaryDir dir;
-    ASSERT_TRUE(dir.isValid());
+    ASSERT_TRUE(original.size() > 1000 && dir.isValid());
     LogCapture quiet; // broken input makes the library complain; the table is what counts
     std::string actualRow;
     for (size_t d = 0; d < kDamageCount; ++d) {
@@ -216,8 +210,7 @@ TEST_P(DamagedMedia, EveryDamagedCopyEndsWithinItsBudgetAndGivesItsRecordedOutco
         std::mt19937 random(20240611u + unsigned(d));
         const QString path = dir.filePath(QString::number(d) + "_" + row.clip);
         QFile damaged(path);
-        ASSERT_TRUE(damaged.open(QIODevice::WriteOnly));
-        damaged.write(kDamages[d].apply(original, random));
+        ASSERT_TRUE(damaged.open(QIODevice::WriteOnly) && damaged.write(kDamages[d].apply(original, random)) > 0);
         damaged.close();
         const std::string outcome = Play(path);
         actualRow += "\"" + outcome + "\", ";
@@ -232,7 +225,8 @@ TEST_P(DamagedMedia, EveryDamagedCopyEndsWithinItsBudgetAndGivesItsRecordedOutco
 INSTANTIATE_TEST_SUITE_P(Clips, DamagedMedia, testing::ValuesIn(kOutcomes),
                          [](const testing::TestParamInfo<Outcomes>& info) {
                              std::string name = info.param.clip;
-                             std::replace_if(name.begin(), name.end(), [](unsigned char c) { return !std::isalnum(c); }, '_');
+                             for (char& c : name)
+                                 c = std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
                              return name;
                          });
 
