@@ -136,10 +136,12 @@ TEST(DecodedAudio, EachScenarioLeavesTheListAndFillsOfItsRow)
          "3/8 50-210 2880 3:0+480 1:0+480 2:0+480 _60"},
         // A negative start becomes 0 unless the frame ends before 0.
         {"m8 1@-20 2@-5 3@-0.001 ? f600@0", "1/8 0-5 960 2:0+480 _120"},
-        // No slots drop every frame; one counts as two; with one left they grow by half.
+        // No slots drop every frame; one counts as two; with one left they grow
+        // by half, but not for a frame dropped on a known start.
         {"m0 0@0 1@10 # f100@0", "0 _100"},
         {"m1 0@0 1@10 ? f1000@0", "2/3 0-20 1920 0:0+480 1:0+480 _40"},
         {"m5 0@0 1@10 2@20 3@30 4@40 ?", "5/7 0-50 4800"},
+        {"m5 0@0 1@10 2@20 3@30 0@0 3@30 ?", "4/5 0-40 3840"},
         // Another run pads the newest frame up to its start, or cuts it short;
         // one in front is padded up to the cached start. Frames without
         // samples are kept but never stitched.
