@@ -93,12 +93,10 @@ TEST(AudioThreadStress, FillsStayWholeAndCleanWhileTheDecodingSideChangesTheCach
         std::fill(buffer.begin(), buffer.end(), int16_t(0x7A7A));
         wrongCounts += cache.PaFillBuffer(buffer.data(), kBuffer, 2, kRate, playTime, 1.0, call % 100 == 99, speed) !=
                        kBuffer;
+        // The first second is cached: no silence in the first buffer.
         for (int n = 0; n < 2 * kBuffer; n += 2) {
             const int16_t left = buffer[n], right = buffer[n + 1];
-            badFrames += (left || right) && !(left >= 1000 && left < 21000 && right == int16_t(~left));
-        }
-        if (call == 0) {
-            EXPECT_EQ(std::count(buffer.begin(), buffer.end(), int16_t(0)), 0) << "the first second is cached";
+            badFrames += (left || right || call == 0) && !(left >= 1000 && left < 21000 && right == int16_t(~left));
         }
         playTime += static_cast<long long>(kBuffer * speed * 1000000.0 / kRate);
         playhead.store(playTime, relaxed);

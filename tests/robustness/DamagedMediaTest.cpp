@@ -4,11 +4,9 @@
 // may crash or run away; what each copy gives is recorded in one table, so a
 // change in how the library copes with broken input shows in review.
 
-#include <MolvaneAV/DecodedAudio.h>
-#include <MolvaneAV/DecodedVideo.h>
 #include <MolvaneAV/MediaReader.h>
 
-#include "support/TestMedia.h"
+#include "support/HostSession.h"
 
 #include <gtest/gtest.h>
 
@@ -17,8 +15,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
-#include <ostream>
 #include <random>
 #include <string>
 #include <vector>
@@ -72,7 +68,6 @@ struct Outcomes {
     const char* clip;
     std::array<const char*, kDamageCount> outcomes;
 };
-void PrintTo(const Outcomes& row, std::ostream* out) { *out << row.clip; }
 const Outcomes kOutcomes[] = {
     // The index is at the end of this MP4: every cut loses it, and the splice
     // moves it away from where the header says. The bit flips break the last
@@ -109,55 +104,17 @@ const Outcomes kOutcomes[] = {
       "0 pictures, 89856 samples", "0 pictures, 88704 samples", "0 pictures, 95663 samples"}},
 };
 
-struct Source {
-    int64_t step, duration;
-    int channels, rate;
-};
-
-// Both caches as a host feeds them: each picture lasts one frame step and the
-// end marker stretches the last one; the audio cache keeps a sliding second
-// and the device takes buffers at a few speeds and volumes.
-void PassThroughCaches(const Decoded& decoded, const Source& source)
+// Both caches fed as a host feeds them, and buffers taken at a few speeds and volumes.
+void PassThroughCaches(const Decoded& decoded, int64_t step, int64_t duration, int channels, int rate)
 {
     DecodedVideo video;
     const auto& first = decoded.video.isEmpty() ? nullptr : decoded.video.first();
     const int width = first ? std::max(1, first->width) : 1, height = first ? std::max(1, first->height) : 1;
     video.SetMaxCacheSize(32LL * RowStride(width) * height, width, height, 3);
-    const int64_t mediaEnd = std::max(source.duration, source.step);
-    for (const auto& frame : decoded.video) {
-        if (!frame->data) {
-            if (const auto last = video.LastFrame())
-                video.OverrideLastFrameEndTime(std::max(last->startTime + source.step, source.duration) - 1);
-            continue;
-        }
-        const int64_t start = frame->startTime;
-        frame->endTime = start + source.step - 1;
-        video.AppendFrame(frame);
-        video.UpdateCache(start, mediaEnd, true, true);
-        for (const int offset : {-1, 0, 1}) {
-            const auto shown = video.GetFrame(start, offset);
-            if (shown && offset == 0) {
-                EXPECT_TRUE(shown->startTime <= start && start <= shown->endTime) << "frame at " << start;
-            }
-        }
-    }
     DecodedAudio audio;
     audio.SetMaxFrameCount(256);
-    for (const auto& frame : decoded.audio) {
-        audio.AppendFrame(frame);
-        audio.UpdateCache(frame->startTime - kSecond, frame->endTime + kSecond);
-    }
-    const int channels = std::max(1, source.channels), frames = 512;
-    int64_t playTime = audio.GetStartTime();
-    for (const auto& [speed, volume] : {std::pair{1.0, 1.0}, {2.0, 0.5}, {0.5, 1.5}, {1.0, 0.25}}) {
-        // Guard values behind the buffer show a fill that writes too far.
-        std::vector<int16_t> buffer(size_t(frames + 16) * channels, 0x5A5A);
-        EXPECT_EQ(audio.PaFillBuffer(buffer.data(), frames, channels, std::max(8000, source.rate), playTime, volume,
-                                     speed != 1.0, speed),
-                  frames);
-        EXPECT_TRUE(std::all_of(buffer.end() - 16 * channels, buffer.end(), [](int16_t v) { return v == 0x5A5A; }));
-        playTime += int64_t(frames) * kSecond / std::max(8000, source.rate);
-    }
+    FeedCaches(video, audio, decoded, step, duration, audio.GetStartTime(), std::max(1, channels), std::max(8000, rate),
+               {{1.0, 1.0}, {2.0, 0.5}, {0.5, 1.5}, {1.0, 0.25}});
 }
 
 std::string Play(const QString& path)
@@ -169,71 +126,54 @@ std::string Play(const QString& path)
     VideoStream stream;
     info->GetVideoStream(instance.GetActiveVideoStreamIndex(), stream);
     // A broken header can claim any length: keep the seek targets sane.
-    const Source source{stream.frameStep > 0 ? stream.frameStep : 40000,
-                        std::clamp<int64_t>(info->GetDuration(), 0, 3600LL * kSecond),
-                        instance.GetOutputChannelCount(), instance.GetSampleRate()};
+    const int64_t step = stream.frameStep > 0 ? stream.frameStep : 40000;
+    const int64_t duration = std::clamp<int64_t>(info->GetDuration(), 0, 3600LL * kSecond);
+    const auto feed = [&](const Decoded& decoded) {
+        PassThroughCaches(decoded, step, duration, instance.GetOutputChannelCount(), instance.GetSampleRate());
+    };
     const Decoded whole = DecodeAll(instance, -1, kBudget);
     EXPECT_FALSE(instance.HasPacket()) << "no end after " << whole.calls << " packet calls";
     // Counted before the caches, which rewrite times and sample counts in place.
     int pictures = 0, placeholders = 0;
     int64_t samples = 0;
     for (const auto& frame : whole.video) {
-        if (frame->data && frame->status == 0) {
-            EXPECT_EQ(frame->size, RowStride(frame->width) * frame->height);
-        }
+        EXPECT_TRUE(!frame->data || frame->status || frame->size == RowStride(frame->width) * frame->height);
         pictures += frame->data ? 1 : 0;
         placeholders += frame->status == 1 ? 1 : 0;
     }
     for (const auto& frame : whole.audio)
         samples += frame->samplesPerChannel;
-    PassThroughCaches(whole, source);
-    for (const int64_t target : {int64_t(0), source.duration / 2, source.duration - kSecond / 10,
-                                 source.duration + kSecond}) {
+    feed(whole);
+    for (const int64_t target : {int64_t(0), duration / 2, duration - kSecond / 10, duration + kSecond}) {
         instance.Seek(target);
-        PassThroughCaches(DecodeAll(instance, target, 40), source);
+        feed(DecodeAll(instance, target, 40));
     }
     return std::to_string(pictures) + " pictures, " + std::to_string(samples) + " samples" +
            (placeholders ? ", " + std::to_string(placeholders) + " size changes" : "");
 }
 
-class DamagedMedia : public testing::TestWithParam<Outcomes>
+TEST(DamagedMedia, EveryDamagedCopyEndsWithinItsBudgetAndGivesItsRecordedOutcome)
 {
-};
-
-TEST_P(DamagedMedia, EveryDamagedCopyEndsWithinItsBudgetAndGivesItsRecordedOutcome)
-{
-    const Outcomes& row = GetParam();
-    QFile file(MediaPath(row.clip));
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    const Bytes original = file.readAll();
-    ASSERT_GT(original.size(), 1000);
-    QTemporaryDir dir;
-    ASSERT_TRUE(dir.isValid());
     LogCapture quiet; // broken input makes the library complain; the table is what counts
-    std::string actualRow;
-    for (size_t d = 0; d < kDamageCount; ++d) {
-        SCOPED_TRACE(std::string(row.clip) + ", " + kDamages[d].name);
-        std::mt19937 random(20240611u + unsigned(d));
-        const QString path = dir.filePath(QString::number(d) + "_" + row.clip);
-        QFile damaged(path);
-        ASSERT_TRUE(damaged.open(QIODevice::WriteOnly));
-        damaged.write(kDamages[d].apply(original, random));
-        damaged.close();
-        const std::string outcome = Play(path);
-        actualRow += "\"" + outcome + "\", ";
-        if (row.outcomes[d]) {
-            EXPECT_EQ(outcome, row.outcomes[d]);
+    for (const Outcomes& row : kOutcomes) {
+        QFile file(MediaPath(row.clip));
+        QTemporaryDir dir;
+        ASSERT_TRUE(file.open(QIODevice::ReadOnly) && dir.isValid());
+        const Bytes original = file.readAll();
+        std::string actualRow;
+        bool differs = false;
+        for (size_t d = 0; d < kDamageCount; ++d) {
+            SCOPED_TRACE(std::string(row.clip) + ", " + kDamages[d].name);
+            std::mt19937 random(20240611u + unsigned(d));
+            QFile damaged(dir.filePath(QString::number(d) + "_" + row.clip));
+            ASSERT_TRUE(damaged.open(QIODevice::WriteOnly) && damaged.write(kDamages[d].apply(original, random)) > 0);
+            damaged.close();
+            const std::string outcome = Play(damaged.fileName());
+            actualRow += "\"" + outcome + "\", ";
+            differs |= row.outcomes[d] && outcome != row.outcomes[d];
         }
+        EXPECT_FALSE(differs) << row.clip << "'s row now reads {" << actualRow << "}";
     }
-    if (HasFailure())
-        ADD_FAILURE() << "this clip's row now reads {" << actualRow << "}";
 }
-
-INSTANTIATE_TEST_SUITE_P(Clips, DamagedMedia, testing::ValuesIn(kOutcomes),
-                         [](const testing::TestParamInfo<Outcomes>& info) {
-                             std::string name = info.param.clip;
-                             std::replace_if(name.begin(), name.end(), [](unsigned char c) { return !std::isalnum(c); }, '_');
-                             return name;
-                         });
 
 } // namespace
