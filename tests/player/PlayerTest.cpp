@@ -32,7 +32,8 @@ struct Scenario {
     // before each tick; "step N": N frames from the one shown, paused;
     // "beyond T": waiting for T gives up, out of reach; "nudge T": a jump of
     // T within the cache moves the clock and seeks nothing; "newest": the
-    // newest cached picture's end counts as a guess.
+    // newest cached picture's end counts as a guess; "open F" another file;
+    // "cover": one picture all along; "blank": no picture, none to wait for.
     const char* steps;
     // Exact seeks at most: one per jump that may leave the cache (how much
     // the cache holds after playing backwards depends on the decode's pace),
@@ -71,6 +72,10 @@ const Scenario kScenarios[] = {
     // Open GOPs: the pictures before a key frame refer to the GOP before it.
     {"hevc_open_gop.mkv", 8 << 20, "seek 2999999 speed -1 ticks 75 seek 1030000 speed 1 ticks 25", 2},
     {"vp9.webm", 8 << 20, "seek 2999999 speed -2 ticks 37", 1},
+    // Cover art, then a movie on the same engine: its own pictures show.
+    {"cover.m4a", 8 << 20, "cover speed 1 advance 1000000 cover open h264_aac.mp4 seek 400000 ticks 1", 1},
+    {"undecodable.webm", 8 << 20, "blank speed 1 advance 500000 blank", 0},
+    {"undecodable_with_sound.webm", 8 << 20, "speed 1 blank", 1},
 };
 void PrintTo(const Scenario& s, std::ostream* out) { *out << s.file << ": " << s.steps; }
 
@@ -96,7 +101,10 @@ TEST_P(PlayerScenario, ShowsThePaintedPictureOfEveryTickWithinItsBudget)
     std::istringstream words(s.steps);
     for (std::string word; words >> word;) {
         int64_t n = 0;
-        if (word != "newest")
+        std::string file;
+        if (word == "open")
+            words >> file;
+        else if (word != "newest" && word != "cover" && word != "blank")
             words >> n;
         SCOPED_TRACE(testing::Message() << word << " " << n << " at " << player.Position());
         if (word == "seek") {
@@ -137,6 +145,17 @@ TEST_P(PlayerScenario, ShowsThePaintedPictureOfEveryTickWithinItsBudget)
             ASSERT_TRUE(frame);
             EXPECT_EQ(PaintedIndex(*frame), painted(player.Position()));
             EXPECT_EQ(player.GetStats().seeks, seeks);
+        } else if (word == "open") {
+            ASSERT_TRUE(player.Open(MediaPath(QString::fromStdString(file))));
+        } else if (word == "cover") {
+            // The cover is shown for the whole sound, decoded once.
+            const auto cover = player.WaitFrameAt(0);
+            ASSERT_TRUE(cover && cover->data);
+            EXPECT_EQ(player.WaitFrameAt(player.Duration() - 1), cover);
+        } else if (word == "blank") {
+            // No picture decodes: the file plays as sound alone, or not at all.
+            EXPECT_EQ(player.WaitFrameAt(player.Position()), nullptr);
+            EXPECT_FALSE(player.HasVideo());
         } else if (word == "newest") {
             // Its end is where its successor, not decoded yet, starts: until
             // then it is a guess, and a display is told so.
