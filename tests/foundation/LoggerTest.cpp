@@ -28,5 +28,6 @@ TEST(Logger, ErrorsAreCriticalWithFfmpegsWordingOfTheCodeAfterTheTextAndTheRules
                            "Failed to open audio codec. (code -2: No such file or directory)",
                            QStringLiteral("Seek Failed. (code %1: End of file)").arg(AVERROR_EOF),
                            "INFO: something worth knowing"}));
-    EXPECT_EQ(capture.Types(), QList<QtMsgType>({QtCriticalMsg, QtCriticalMsg, QtCriticalMsg, QtCriticalMsg, QtInfoMsg}));
+    EXPECT_EQ(capture.Types(),
+              QList<QtMsgType>({QtCriticalMsg, QtCriticalMsg, QtCriticalMsg, QtCriticalMsg, QtInfoMsg}));
 }

@@ -56,7 +56,8 @@ TEST(MediaInfo, TimingAnswersFromTheFirstVideoStreamOnly)
     } cases[] = {
         {false, {}, "181000000 0 0 0 0 0x0 no"},
         {true, {}, "181000000 0 0 0 0 0x0 no"},
-        {false, {MakeVideo(3, 33366, 29.97), MakeVideo(5, 40000, 25.0, "90")}, "181000000 120003 253 33366 29.97 643x363 no"},
+        {false, {MakeVideo(3, 33366, 29.97), MakeVideo(5, 40000, 25.0, "90")},
+         "181000000 120003 253 33366 29.97 643x363 no"},
         {true, {MakeVideo(0, -1, -1.0, "270")}, "-1 0 250 -1 -1 640x360 yes"},
         // Only a quarter turn either way counts as rotated.
         {false, {MakeVideo(0, 40000, 25.0, "90")}, "181000000 120000 250 40000 25 640x360 yes"},
