@@ -3,7 +3,7 @@
 #include <MolvaneAV/MediaInfo.h>
 #include <MolvaneAV/MediaReader.h>
 
-#include "support/TestMedia.h"
+#include "support/DecodeSummary.h"
 
 extern "C" {
 #include <libavformat/avformat.h>
@@ -12,8 +12,6 @@ extern "C" {
 
 #include <gtest/gtest.h>
 
-#include <QDir>
-#include <QFile>
 #include <QTemporaryDir>
 
 #include <map>
@@ -44,21 +42,6 @@ QString Describe(const MediaInfo& info)
     return parts.join(QStringLiteral("; "));
 }
 
-QByteArray ReadFile(const QString& path)
-{
-    QFile file(path);
-    EXPECT_TRUE(file.open(QIODevice::ReadOnly)) << path.toStdString();
-    return file.readAll();
-}
-
-QString WriteFile(const QString& path, const QByteArray& bytes)
-{
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    EXPECT_TRUE(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size()) << path.toStdString();
-    return path;
-}
-
 } // namespace
 
 TEST(MediaReader, ProbesEveryTestFileToWhatItsRecipeMade)
@@ -70,7 +53,9 @@ TEST(MediaReader, ProbesEveryTestFileToWhatItsRecipeMade)
         bool isImage;
         QString record;
         QStringList log = {};
-        bool unknownCodecs = false; // a copy whose H.264 and PCM codec ids no decoder knows
+        // Made here instead: a copy whose H.264 and PCM codec ids no decoder
+        // knows ("unknown"), or what the ffmpeg program makes with these arguments.
+        QStringList made = {};
     } cases[] = {
         {"h264_aac.mp4", false, "2000000; " + h264 + "50f @0; a1 aac 2ch 0x3 48000Hz fltp planar 4B"},
         {"mpeg4.mp4", false, "2000000; v0 mpeg4 320x240 sar1 25fps 40000us 50f @0"},
@@ -85,9 +70,14 @@ TEST(MediaReader, ProbesEveryTestFileToWhatItsRecipeMade)
                               "a2 pcm_s16le 2ch 0x3 48000Hz s16 packed 2B"},
         // The other streams are still probed; the broken ones keep default records.
         {"multi_stream.mkv", false, "2000000; v-1 invalid; v1 mpeg4 160x120 sar1 25fps 40000us 50f @0; a-1 invalid",
-         {"Video decoder not found.", "Audio decoder not found."}, true},
+         {"Video decoder not found.", "Audio decoder not found."}, {"unknown"}},
         // 2,002,000 µs in 33,366 µs steps makes 61 frames; the declared 60 is one off and wins.
         {"ntsc.mp4", false, "2002000; v0 h264 320x240 sar1 29.97fps 33366us 60f @0"},
+        // Nine pictures in 0.4 s at 25 fps, the sixth left out: the average
+        // rate, not the stream's real 25, and the declared count.
+        {"gap.mp4", false, "400000; v0 mpeg4 64x48 sar1 22.5fps 44444us 9f @0", {},
+         {"-f", "lavfi", "-i", "testsrc2=s=64x48:r=25,trim=end_frame=10,select='not(eq(n\\,5))'", "-c:v", "mpeg4",
+          "-fps_mode", "passthrough"}},
         {"anamorphic.mp4", false, "1000000; v0 h264 720x576 sar1.42222 25fps 40000us 25f @0"},
         {"rotated_90.mp4", false, "1000000; " + h264 + "25f @0 rotate90"},
         {"s16_stereo.wav", false, "1500000; a0 pcm_s16le 2ch 0x3 48000Hz s16 packed 2B"},
@@ -110,14 +100,16 @@ TEST(MediaReader, ProbesEveryTestFileToWhatItsRecipeMade)
     };
     QTemporaryDir dir;
     for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.name) + (c.isImage ? " as image" : "") + (c.unknownCodecs ? " patched" : ""));
+        SCOPED_TRACE(std::string(c.name) + (c.isImage ? " as image" : "") + (c.made.isEmpty() ? "" : " made here"));
         QString path = MediaPath(QString::fromLatin1(c.name));
-        if (c.unknownCodecs) {
+        if (c.made == QStringList{"unknown"}) {
             // Same-length ids keep the file valid; the folder's name checks
             // that paths reach FFmpeg as UTF-8.
             path = WriteFile(dir.filePath(QStringLiteral("Fête 日本 ✓/unknown codecs.mkv")),
                              ReadFile(path).replace("V_MPEG4/ISO/AVC", "V_QQQQQQQQQQQQQ")
                                  .replace("A_PCM/INT/LIT", "A_QQQQQQQQQQQ"));
+        } else if (!c.made.isEmpty()) {
+            RunFfmpeg(c.made + QStringList(path = dir.filePath(c.name)));
         }
         auto info = std::make_shared<MediaInfo>(path);
         info->isImage = c.isImage;
@@ -127,29 +119,24 @@ TEST(MediaReader, ProbesEveryTestFileToWhatItsRecipeMade)
         for (int pass = 0; pass < 2; ++pass)
             ASSERT_TRUE(MediaReader::ParseMedia(info));
         EXPECT_EQ(Describe(*info), c.record);
-        EXPECT_EQ(info->GetDuration(), info->duration);
-        EXPECT_TRUE(info->IsInitialized());
+        EXPECT_TRUE(info->IsInitialized() && info->GetDuration() == info->duration);
         EXPECT_EQ(info->metadata.value(QStringLiteral("host")), QStringLiteral("kept"));
         EXPECT_EQ(log.Messages(), c.log + c.log);
         for (int i = 0; i < log.Types().size(); ++i)
             EXPECT_EQ(log.Types()[i], log.Messages()[i].startsWith("INFO:") ? QtInfoMsg : QtCriticalMsg);
     }
-}
-
-TEST(MediaReader, CopiesContainerAndStreamTagsIntoTheRecord)
-{
+    // Container and stream tags reach the record.
     auto info = Probe(QStringLiteral("tagged.mkv"));
-    ASSERT_EQ(info->GetNumVideoStreams() + info->GetNumAudioStreams(), 2);
-    EXPECT_EQ(info->metadata.value(QStringLiteral("title")), QStringLiteral("Fête d'été"));
-    EXPECT_EQ(info->GetVideoStreams()[0].metadata.value(QStringLiteral("language")), QStringLiteral("fra"));
-    EXPECT_EQ(info->GetAudioStreams()[0].metadata.value(QStringLiteral("title")), QStringLiteral("Commentary"));
+    EXPECT_EQ(QStringList({info->metadata.value("title"), info->GetVideoStreams()[0].metadata.value("language"),
+                           info->GetAudioStreams()[0].metadata.value("title")}),
+              QStringList({"Fête d'été", "fra", "Commentary"}));
 }
 
 TEST(MediaReader, UnreadableSourceFailsWithOneMessageAndLeavesAnEmptyRecord)
 {
     const QString invalid = QStringLiteral("Failed to open input for parsing: %1 (code -1094995529: Invalid data "
                                            "found when processing input)");
-    const QByteArray movie = ReadFile(MediaPath(QStringLiteral("h264_aac.mp4")));
+    const QByteArray movie = ReadFile(QStringLiteral("h264_aac.mp4"));
     const struct {
         const char* name;
         QByteArray bytes; // written as a file unless null; a name ending in / is made a folder
@@ -159,7 +146,8 @@ TEST(MediaReader, UnreadableSourceFailsWithOneMessageAndLeavesAnEmptyRecord)
         {"empty.mp4", QByteArray(""), invalid},
         {"garbage.mkv", QByteArray(4096, 'G'), invalid},
         {"first half.mp4", movie.left(movie.size() / 2), invalid}, // its index was at the end
-        {"a folder.mp4/", QByteArray(), QStringLiteral("Failed to open input for parsing: %1 (code -21: Is a directory)")},
+        {"a folder.mp4/", QByteArray(),
+         QStringLiteral("Failed to open input for parsing: %1 (code -21: Is a directory)")},
     };
     QTemporaryDir dir;
     for (const auto& c : cases) {
@@ -175,8 +163,7 @@ TEST(MediaReader, UnreadableSourceFailsWithOneMessageAndLeavesAnEmptyRecord)
         info->filePath = QDir::current().relativeFilePath(path);
         LogCapture log;
         EXPECT_FALSE(MediaReader::ParseMedia(info));
-        EXPECT_FALSE(info->IsInitialized());
-        EXPECT_EQ(info->GetNumVideoStreams() + info->GetNumAudioStreams(), 0);
+        EXPECT_FALSE(info->IsInitialized() || info->GetNumVideoStreams() + info->GetNumAudioStreams() > 0);
         EXPECT_EQ(log.Messages(), QStringList{c.message.arg(path)});
     }
 }
@@ -185,11 +172,9 @@ TEST(MediaReader, ReadsEveryPacketThenLeavesABlankOne)
 {
     auto info = std::make_shared<MediaInfo>(MediaPath(QStringLiteral("multi_stream.mkv")));
     AVFormatContext* context = nullptr;
-    EXPECT_FALSE(MediaReader::OpenInput(nullptr, &context));
-    EXPECT_FALSE(MediaReader::OpenInput(info, nullptr));
+    EXPECT_FALSE(MediaReader::OpenInput(nullptr, &context) || MediaReader::OpenInput(info, nullptr));
     ASSERT_TRUE(MediaReader::OpenInput(info, &context));
     EXPECT_FALSE(MediaReader::GetPacket(context, nullptr));
-
     AVPacket* packet = av_packet_alloc();
     std::map<int, int> packets;
     for (; MediaReader::GetPacket(context, packet); av_packet_unref(packet))
