@@ -249,7 +249,8 @@ TEST(PlayTool, EachTickShowsFfmpegsPictureAndTheDeviceGetsFfmpegsSound)
         EXPECT_TRUE(wrong == run.ticks.end())
             << "tick at " << wrong->value(0) << " shows " << wrong->value(1) << " (late " << wrong->value(2)
             << "), FFmpeg's picture starts at " << Covering(starts, wrong->value(0));
-        const bool backwards = row.arguments.join(' ').contains("--speed -1"), jumping = Has(row.arguments, "--seek-every");
+        const bool backwards = row.arguments.join(' ').contains("--speed -1");
+        const bool jumping = Has(row.arguments, "--seek-every");
         // The end is reached: forwards the last picture shows, backwards it shows first.
         if (!starts.isEmpty() && !jumping && (backwards || !Has(row.arguments, "--speed"))) {
             EXPECT_EQ((backwards ? run.ticks.first() : run.ticks.last()).value(1), starts.last());
@@ -290,7 +291,8 @@ TEST(PlayTool, EachTickShowsFfmpegsPictureAndTheDeviceGetsFfmpegsSound)
             // Each tick's buffer is the source at the tick's play time, placed
             // as precisely as the container's times place sound. Every tick
             // lasts as long in samples.
-            const int64_t tick = std::llround(double(run.heard.size() / frameBytes) * 1e6 / run.rate / run.ticks.size());
+            const int64_t tick =
+                std::llround(double(run.heard.size() / frameBytes) * 1e6 / run.rate / run.ticks.size());
             const int slack = int(MicrosPerTick(path, "a:0") / 2 * run.rate / 1000000) + 1;
             int jumpedTo = 0; // ticks checked after a jump
             for (int i = 0; i < run.ticks.size(); ++i) {

@@ -34,9 +34,10 @@ struct Outcome {
     QJsonObject summary;
 };
 
-Outcome Play(const QStringList& arguments, const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment())
+Outcome Play(const QStringList& arguments,
+             const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment())
 {
-    const ProgramRun run = RunProgram(QStringLiteral(MOLVANE_PLAY_PATH), QStringList{"--window"} + arguments, environment);
+    const ProgramRun run = RunProgram(MOLVANE_PLAY_PATH, QStringList{"--window"} + arguments, environment);
     return {run.exitCode, run.err.split('\n', Qt::SkipEmptyParts), QJsonDocument::fromJson(run.out).object()};
 }
 
@@ -92,12 +93,12 @@ TEST(WindowTool, LeavesTheFrameOfItsStartOnScreen)
     const struct {
         const char* start;
         int expected;
-    } cases[] = {{"0", 0}, {"0.5", 12}, {"1.21", 30}, {"2.5", 62}};
+    } cases[] = {{"1.21", 30}, {"9", 74}}; // past the end: the last frame
     QTemporaryDir dir;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.start);
-        const Outcome run = Play({MediaPath("av_positional.mkv"), "--start", c.start, "--speed", "0", "--duration", "0.3",
-                              "--no-sound", "--out", dir.path()});
+        const Outcome run = Play({MediaPath("av_positional.mkv"), "--start", c.start, "--speed", "0", "--duration",
+                                  "0.3", "--no-sound", "--out", dir.path()});
         ASSERT_EQ(run.exitCode, 0) << run.errLines.join('\n').toStdString();
         const QImage grab(dir.filePath("window.png"));
         EXPECT_EQ(IndexIn(grab, PictureBox(grab)), c.expected);
