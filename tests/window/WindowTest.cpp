@@ -102,93 +102,60 @@ TEST(PlayerWindow, ShowsTheFrameOfTheStartPositionTurnedAndInItsAspect)
 
 TEST(PlayerWindow, KeysMoveTheClockAsEditorsDo)
 {
-    // From frame 25 of 50, ticks of one frame step after the keys: the
-    // painted index moves by `perTick` each tick.
+    // From the middle of a frame of 50 (once the clip is in the cache), after
+    // the keys ('>' and '<' are the arrows, which step exactly one frame):
+    // the speed, the frame shown, how far each tick of one frame step moves
+    // it, and a part of the status line.
     const struct {
+        int from;
         const char* keys;
         double speed;
+        int shown;
         int perTick;
+        const char* status;
     } cases[] = {
-        {"L", 1.0, 1},
-        {"LL", 2.0, 2},
-        {"LLLLL", 8.0, 8}, // doubling stops at 8×
-        {"J", -1.0, -1},
-        {"JJ", -2.0, -2},
-        {"LLK", 0.0, 0},
-        {"JK", 0.0, 0},
-        {"LJ", -1.0, -1}, // J after playing forwards starts backwards at 1×
-        {" ", 1.0, 1},
-        {"L ", 0.0, 0},
-        {"LL  ", 2.0, 2}, // space resumes at the speed it paused
+        {0, "", 0.0, 0, 0, "00:00:00.020 / 00:00:02.000   0×   cache 11.0 MiB, 49 ahead, 0 behind   late 0"},
+        {0, "", 0.0, 0, 0, "late 0   volume 100%   no sound device"},
+        {0, ">>", 0.0, 2, 0, "00:00:00.080 / 00:00:02.000   0×   cache 11.0 MiB, 47 ahead, 2 behind"},
+        {25, "L", 1.0, 25, 1, "00:00:01.020 / 00:00:02.000   1× "},
+        {25, "LL", 2.0, 25, 2, " 2× "},
+        {25, "LLLLL", 8.0, 25, 8, " 8× "}, // doubling stops at 8×
+        {25, "J", -1.0, 25, -1, " -1× "},
+        {25, "JJ", -2.0, 25, -2, " -2× "},
+        {25, "LLK", 0.0, 25, 0, " 0× "},
+        {25, "JK", 0.0, 25, 0, " 0× "},
+        {25, "LJ", -1.0, 25, -1, " -1× "}, // J after playing forwards starts backwards at 1×
+        {25, " ", 1.0, 25, 1, " 1× "},
+        {25, "L ", 0.0, 25, 0, " 0× "},
+        {25, "LL  ", 2.0, 25, 2, " 2× "}, // space resumes at the speed it paused
+        {25, ">", 0.0, 26, 0, "00:00:01.040 "},
+        {25, "<", 0.0, 24, 0, " 0× "},
+        {25, ">>>", 0.0, 28, 0, "00:00:01.120 "},
+        {25, "LL<", 0.0, 24, 0, " 0× "}, // a step while playing pauses first
+        {25, "<>", 0.0, 25, 0, " 0× "},
+        {25, "++-", 0.0, 25, 0, "volume 110%"},
+        {25, "---------------", 0.0, 25, 0, "volume 0%"}, // never below silence
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string("keys \"") + c.keys + "\"");
-        Session session("h264_aac.mp4", 25 * kStep);
-        ASSERT_EQ(session.Shown(), 25);
-        QTest::keyClicks(session.window.get(), c.keys);
+        Session session("h264_aac.mp4", c.from * kStep + kStep / 2);
+        session.player.WaitFrameAt(49 * kStep);
+        for (const char* key = c.keys; *key; ++key) {
+            const int arrow = *key == '>' ? Qt::Key_Right : *key == '<' ? Qt::Key_Left : 0;
+            if (arrow != 0)
+                QTest::keyClick(session.window.get(), Qt::Key(arrow));
+            else
+                QTest::keyClick(session.window.get(), *key);
+        }
+        session.window->TickOnce(0);
         EXPECT_EQ(session.player.Speed(), c.speed);
+        EXPECT_TRUE(session.window->StatusText().contains(c.status)) << session.window->StatusText().toStdString();
         QList<int> shown, expected;
-        for (int tick = 1; tick <= 3; ++tick) {
-            session.window->TickOnce(kStep);
+        for (int tick = 0; tick <= 2; ++tick) {
             shown << session.Shown();
-            expected << 25 + tick * c.perTick;
+            expected << c.shown + tick * c.perTick;
+            session.window->TickOnce(kStep);
         }
         EXPECT_EQ(shown, expected);
-    }
-}
-
-TEST(PlayerWindow, ArrowsStepExactlyOneFrameAndPauseTheClock)
-{
-    const struct {
-        QList<Qt::Key> keys;
-        int expected;
-    } cases[] = {
-        {{Qt::Key_Right}, 26},
-        {{Qt::Key_Left}, 24},
-        {{Qt::Key_Right, Qt::Key_Right, Qt::Key_Right}, 28},
-        {{Qt::Key_L, Qt::Key_L, Qt::Key_Left}, 24}, // a step while playing pauses first
-        {{Qt::Key_Left, Qt::Key_Right}, 25},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.expected);
-        Session session("h264_aac.mp4", 25 * kStep + kStep / 2);
-        for (const Qt::Key key : c.keys) {
-            QTest::keyClick(session.window.get(), key);
-            session.window->TickOnce(0);
-        }
-        EXPECT_EQ(session.player.Speed(), 0.0);
-        EXPECT_EQ(session.Shown(), c.expected);
-        // Paused: later ticks hold the frame.
-        session.window->TickOnce(kStep);
-        EXPECT_EQ(session.Shown(), c.expected);
-    }
-}
-
-TEST(PlayerWindow, TheStatusLineShowsTimeSpeedCacheAndVolume)
-{
-    const struct {
-        QString keys;
-        int steps;
-        QStringList parts;
-    } cases[] = {
-        // The whole clip in the cache: every frame after the shown one is ahead of it.
-        {"", 0, {"00:00:00.000 / 00:00:02.000", " 0×", "49 ahead, 0 behind", "volume 100%", "late 0"}},
-        {"", 2, {"00:00:00.080 / 00:00:02.000", "47 ahead, 2 behind"}},
-        {"LL", 0, {" 2×", "volume 100%"}},
-        {"J", 0, {" -1×"}},
-        {"++-", 0, {"volume 110%"}},
-        {"---------------", 0, {"volume 0%"}}, // never below silence
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.keys.toStdString());
-        Session session("h264_aac.mp4", 0);
-        session.player.WaitFrameAt(49 * kStep);
-        for (int i = 0; i < c.steps; ++i)
-            QTest::keyClick(session.window.get(), Qt::Key_Right);
-        QTest::keyClicks(session.window.get(), c.keys);
-        session.window->TickOnce(0);
-        const QString status = session.window->StatusText();
-        for (const QString& part : c.parts)
-            EXPECT_TRUE(status.contains(part)) << status.toStdString();
     }
 }

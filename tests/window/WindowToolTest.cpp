@@ -9,14 +9,11 @@
 #include <gtest/gtest.h>
 
 #include <QFile>
-#include <QFileInfo>
 #include <QImage>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
 #include <QTemporaryDir>
-#include <QElapsedTimer>
-#include <QThread>
 
 #include <algorithm>
 #include <cmath>
@@ -34,9 +31,10 @@ struct Outcome {
     QJsonObject summary;
 };
 
-Outcome Play(const QStringList& arguments, const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment())
+Outcome Play(const QStringList& arguments,
+             const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment())
 {
-    const ProgramRun run = RunProgram(QStringLiteral(MOLVANE_PLAY_PATH), QStringList{"--window"} + arguments, environment);
+    const ProgramRun run = RunProgram(MOLVANE_PLAY_PATH, QStringList{"--window"} + arguments, environment);
     return {run.exitCode, run.err.split('\n', Qt::SkipEmptyParts), QJsonDocument::fromJson(run.out).object()};
 }
 
@@ -52,13 +50,6 @@ std::vector<int64_t> Positions(const QByteArray& pcm)
         positions[i] = silent ? -1 : position < 0 ? -2 : position;
     }
     return positions;
-}
-
-// The stereo sample frame that carries source position n.
-QByteArray Pcm(int64_t n)
-{
-    const int16_t frame[2] = {int16_t(n % 32768), int16_t(n / 32768)};
-    return QByteArray(reinterpret_cast<const char*>(frame), sizeof frame);
 }
 
 struct Played {
@@ -92,12 +83,12 @@ TEST(WindowTool, LeavesTheFrameOfItsStartOnScreen)
     const struct {
         const char* start;
         int expected;
-    } cases[] = {{"0", 0}, {"0.5", 12}, {"1.21", 30}, {"2.5", 62}};
+    } cases[] = {{"1.21", 30}, {"9", 74}}; // past the end: the last frame
     QTemporaryDir dir;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.start);
-        const Outcome run = Play({MediaPath("av_positional.mkv"), "--start", c.start, "--speed", "0", "--duration", "0.3",
-                              "--no-sound", "--out", dir.path()});
+        const Outcome run = Play({MediaPath("av_positional.mkv"), "--start", c.start, "--speed", "0", "--duration",
+                                  "0.3", "--no-sound", "--out", dir.path()});
         ASSERT_EQ(run.exitCode, 0) << run.errLines.join('\n').toStdString();
         const QImage grab(dir.filePath("window.png"));
         EXPECT_EQ(IndexIn(grab, PictureBox(grab)), c.expected);
@@ -108,33 +99,17 @@ TEST(WindowTool, TheServerPlaysTheSourcesSoundInStepWithThePicture)
 {
     QTemporaryDir dir;
     // Recording first, into a file that the reader never lets fill a pipe.
-    // At the reader's low latency the null sink delivers in small steps;
-    // the first bytes show that it runs.
+    // The program plays out what it queued before it ends.
     const QString recording = dir.filePath("recorded.raw");
     QProcess recorder;
     recorder.setStandardOutputFile(recording);
     recorder.start("parec", {"-d", qEnvironmentVariable("MOLVANE_TEST_SINK") + ".monitor", "--latency-msec=10",
                              "--format=s16le", "--rate=48000", "--channels=2", "--raw"});
     ASSERT_TRUE(recorder.waitForStarted());
-    while (QFileInfo(recording).size() == 0 && recorder.state() == QProcess::Running)
-        QThread::msleep(10);
-
     const Outcome run = Play({MediaPath("av_positional.mkv"), "--quit-at-end", "--out", dir.path()});
     ASSERT_EQ(run.exitCode, 0) << run.errLines.join('\n').toStdString();
     EXPECT_TRUE(run.summary["sound_device"].toBool());
     EXPECT_TRUE(run.errLines.isEmpty()) << run.errLines.join('\n').toStdString();
-    // What was queued on the server when the program ended plays out at the
-    // server's pace, which a loaded machine can stall: wait for the last
-    // source frame to be recorded (a bounded wait, not a measurement).
-    const QByteArray lastFrame = Pcm(143999);
-    QElapsedTimer waited;
-    waited.start();
-    while (waited.elapsed() < 30000 && recorder.state() == QProcess::Running) {
-        QFile file(recording);
-        if (file.open(QIODevice::ReadOnly) && file.readAll().contains(lastFrame))
-            break;
-        QThread::msleep(100);
-    }
     recorder.kill();
     recorder.waitForFinished();
     QFile file(recording);
@@ -170,51 +145,46 @@ TEST(WindowTool, TheServerPlaysTheSourcesSoundInStepWithThePicture)
         const int64_t at = buffer[1] + std::min<int64_t>(buffer[3] - 1, (tick[0] - buffer[0]) * kRate / 1000000);
         if (at < 0 || at >= int64_t(sent.size()) || sent[size_t(at)] < 0)
             continue;
-        offsets.push_back(double(tick[1]) - double(sent[size_t(at)]) * 1e6 / kRate);
+        offsets.push_back(std::abs(double(tick[1]) - double(sent[size_t(at)]) * 1e6 / kRate));
     }
     // A loaded machine can stall the server for seconds; a second of ticks
-    // between stalls is enough to measure.
+    // between stalls is enough to measure. A busy machine may deliver a
+    // buffer late; most ticks still agree.
     ASSERT_GE(offsets.size(), 60u);
-    std::vector<double> sizes(offsets.size());
-    std::transform(offsets.begin(), offsets.end(), sizes.begin(), [](double o) { return std::abs(o); });
-    std::sort(sizes.begin(), sizes.end());
-    // A busy machine may deliver a buffer late; most ticks still agree.
-    EXPECT_LE(sizes[sizes.size() / 2], 20000.0);
-    EXPECT_LE(sizes[sizes.size() * 9 / 10], 20000.0);
+    std::sort(offsets.begin(), offsets.end());
+    EXPECT_LE(offsets[offsets.size() * 9 / 10], 20000.0);
 }
 
-TEST(WindowTool, WithoutASoundServerItSaysSoOnceAndPlaysOnItsOwnClock)
+TEST(WindowTool, WithoutADeviceItSaysSoOnce)
 {
+    // Without a sound server it plays on its own clock: every frame of the
+    // clip goes by. Without a display it exits.
     QTemporaryDir dir;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert("PULSE_SERVER", "unix:" + dir.filePath("no-server"));
-    const Outcome run = Play({MediaPath("av_positional.mkv"), "--quit-at-end", "--out", dir.path()}, environment);
-    ASSERT_EQ(run.exitCode, 0);
-    ASSERT_EQ(run.errLines.size(), 1) << run.errLines.join('\n').toStdString();
-    EXPECT_TRUE(run.errLines[0].startsWith("molvane-play: no sound: ")) << run.errLines[0].toStdString();
-    EXPECT_FALSE(run.summary["sound_device"].toBool());
-    // The clock ran to the end: every frame of the clip went by.
-    const QList<QList<qint64>> ticks = ReadCsv(dir.filePath("ticks.csv"));
-    ASSERT_FALSE(ticks.isEmpty());
-    EXPECT_EQ(ticks.last()[2], 74 * 40000);
-}
-
-TEST(WindowTool, WithoutADisplayItSaysSoOnceAndExits)
-{
     const struct {
-        const char* display;
-        const char* says;
-    } cases[] = {{nullptr, "DISPLAY is not set"}, {":999", "cannot connect to the display :999"}};
+        const char* variable;
+        QString value; // empty: unset
+        int exitCode;
+        QString says;
+    } cases[] = {
+        {"PULSE_SERVER", "unix:" + dir.filePath("no-server"), 0, "molvane-play: no sound: "},
+        {"DISPLAY", "", 1, "molvane-play: --window needs a display: no display (DISPLAY is not set)"},
+        {"DISPLAY", ":999", 1, "molvane-play: --window needs a display: cannot connect to the display :999"},
+    };
     for (const auto& c : cases) {
+        SCOPED_TRACE(c.variable + (" " + c.value.toStdString()));
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.remove("DISPLAY");
-        if (c.display)
-            environment.insert("DISPLAY", c.display);
-        const Outcome run = Play({MediaPath("av_positional.mkv")}, environment);
-        EXPECT_EQ(run.exitCode, 1);
-        ASSERT_EQ(run.errLines.size(), 1);
-        EXPECT_TRUE(run.errLines[0].startsWith("molvane-play: --window needs a display: ") &&
-                    run.errLines[0].contains(c.says))
-            << run.errLines[0].toStdString();
+        environment.remove(c.variable);
+        if (!c.value.isEmpty())
+            environment.insert(c.variable, c.value);
+        const Outcome run = Play({MediaPath("av_positional.mkv"), "--quit-at-end", "--out", dir.path()}, environment);
+        EXPECT_EQ(run.exitCode, c.exitCode);
+        ASSERT_EQ(run.errLines.size(), 1) << run.errLines.join('\n').toStdString();
+        EXPECT_TRUE(run.errLines[0].startsWith(c.says)) << run.errLines[0].toStdString();
+        if (c.exitCode != 0)
+            continue;
+        EXPECT_FALSE(run.summary["sound_device"].toBool());
+        const QList<QList<qint64>> ticks = ReadCsv(dir.filePath("ticks.csv"));
+        ASSERT_FALSE(ticks.isEmpty());
+        EXPECT_EQ(ticks.last()[2], 74 * 40000);
     }
 }
