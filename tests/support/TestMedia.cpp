@@ -103,12 +103,12 @@ QByteArray RunFfmpeg(const QStringList& args)
     return process.readAllStandardOutput();
 }
 
-namespace {
-ProgramRun Run(const QString& program, const QStringList& arguments, const QProcessEnvironment& environment,
-               int timeoutMillis)
+ProgramRun RunProgram(const QString& program, const QStringList& arguments, int timeoutMillis,
+                      const QProcessEnvironment* environment)
 {
     QProcess process;
-    process.setProcessEnvironment(QDir::isAbsolutePath(program) ? environment : SystemProgramEnvironment(environment));
+    const QProcessEnvironment inherited = environment ? *environment : QProcessEnvironment::systemEnvironment();
+    process.setProcessEnvironment(QDir::isAbsolutePath(program) ? inherited : SystemProgramEnvironment(inherited));
     process.start(program, arguments);
     ProgramRun run;
     if (process.waitForFinished(timeoutMillis) && process.exitStatus() == QProcess::NormalExit)
@@ -116,22 +116,6 @@ ProgramRun Run(const QString& program, const QStringList& arguments, const QProc
     run.out = process.readAllStandardOutput();
     run.err = QString::fromUtf8(process.readAllStandardError());
     return run;
-}
-} // namespace
-
-ProgramRun RunProgram(const QString& program, const QStringList& arguments, const QProcessEnvironment& environment)
-{
-    return Run(program, arguments, environment, 300000);
-}
-
-ProgramRun RunProgram(const QString& program, const QStringList& arguments, int timeoutMillis)
-{
-    return Run(program, arguments, QProcessEnvironment::systemEnvironment(), timeoutMillis);
-}
-
-ProgramRun RunProgram(const QString& program, const QStringList& arguments)
-{
-    return RunProgram(program, arguments, QProcessEnvironment::systemEnvironment());
 }
 
 QList<QList<qint64>> ReadCsv(const QString& path, QByteArray* header)

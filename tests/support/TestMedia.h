@@ -67,10 +67,10 @@ struct ProgramRun {
     QByteArray out;
     QString err;
 };
-ProgramRun RunProgram(const QString& program, const QStringList& arguments);
-// ... killed after timeoutMillis, which only a hang takes.
-ProgramRun RunProgram(const QString& program, const QStringList& arguments, int timeoutMillis);
-ProgramRun RunProgram(const QString& program, const QStringList& arguments, const QProcessEnvironment& environment);
+// Killed after timeoutMillis, which only a hang takes. The environment
+// defaults to the test's own.
+ProgramRun RunProgram(const QString& program, const QStringList& arguments, int timeoutMillis = 300000,
+                      const QProcessEnvironment* environment = nullptr);
 
 // The rows of integers of a CSV file below its header line.
 QList<QList<qint64>> ReadCsv(const QString& path, QByteArray* header = nullptr);

@@ -34,7 +34,7 @@ struct Outcome {
 Outcome Play(const QStringList& arguments,
              const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment())
 {
-    const ProgramRun run = RunProgram(MOLVANE_PLAY_PATH, QStringList{"--window"} + arguments, environment);
+    const ProgramRun run = RunProgram(MOLVANE_PLAY_PATH, QStringList{"--window"} + arguments, 300000, &environment);
     return {run.exitCode, run.err.split('\n', Qt::SkipEmptyParts), QJsonDocument::fromJson(run.out).object()};
 }
 
