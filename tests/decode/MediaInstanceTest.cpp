@@ -1,6 +1,6 @@
-// MediaInstance as a host drives it: the packet pump over the generated
-// files, opening failures with their messages, the audio properties under the
-// channel cap, and the lifecycle of instances and their copies.
+// MediaInstance as a host drives it: opening failures with their messages,
+// audio matching under the channel cap, and the lifecycle of instances and
+// their copies.
 
 #include "support/DecodeSummary.h"
 
@@ -19,84 +19,14 @@ int OpenFiles()
     return descriptors.exists() ? int(descriptors.count()) : -1;
 }
 
-// A file's active streams and source audio, then everything an instance
-// decodes of it without a target: the pictures, what they all share (size,
-// rate, rotation; RGB24 records with padded rows) and the first one's start,
-// or the first that breaks the pattern, each starting a frame after the last
-// (as far as the rate, rounded to 0.001 fps, tells: 0.05 µs a frame).
-std::string Pump(const QString& file)
-{
-    MediaInstance instance;
-    const auto info = Probe(file);
-    EXPECT_TRUE(instance.Initialize(info, 0));
-    EXPECT_TRUE(instance.HasPacket());
-    if (instance.GetActiveAudioStreamIndex() < 0 || instance.GetActiveVideoStreamIndex() < 0) {
-        EXPECT_EQ(instance.IsAudioPacket(), instance.GetActiveVideoStreamIndex() < 0) << file.toStdString();
-    }
-    QString text = QString("a%1 v%2 %3ch %4Hz %5B%6%7;")
-                       .arg(instance.GetActiveAudioStreamIndex()).arg(instance.GetActiveVideoStreamIndex())
-                       .arg(instance.GetChannelCount()).arg(instance.GetSampleRate()).arg(instance.GetBytesPerSample())
-                       .arg(instance.IsPlaner() ? " planar" : "")
-                       .arg(instance.RequiresLargeSeekOffset() ? " early" : "");
-    Decoded decoded;
-    for (; instance.HasPacket() && decoded.calls < 10000; ++decoded.calls) {
-        instance.DecodePacket(decoded.audio, decoded.video, -1);
-        // The audio packets behind the decoded one went along with it.
-        EXPECT_FALSE(instance.IsAudioPacket());
-    }
-    EXPECT_TRUE(instance.IsEndOfFile());
-    // Nothing waits any more, so nothing more comes.
-    instance.DecodePacket(decoded.audio, decoded.video, -1);
-    text += " " + QString::fromStdString(Pictures(decoded.video));
-    QString first;
-    for (int i = 0; i + 1 < decoded.video.size(); ++i) {
-        const DecodedVideoFrame& p = *decoded.video[i];
-        const QString shared = QString(" %1x%2 %3fps %4°").arg(p.width).arg(p.height).arg(p.frameRate).arg(p.rotation);
-        const bool record = p.size == RowStride(p.width) * p.height && p.status == 0 && !p.isLinearColorSpace;
-        const double late = double(p.startTime - decoded.video[0]->startTime) - i * 1e6 / p.frameRate;
-        if (i > 0 && (!record || shared != first || std::abs(late) > 1.0 + i * 0.05))
-            return (text + QString(" not %1: %2 %3").arg(i).arg(shared).arg(late)).toStdString();
-        if (i == 0)
-            text += (first = shared) + QString(" from %1").arg(p.startTime);
-    }
-    return text.toStdString();
-}
-
 } // namespace
-
-TEST(MediaInstancePump, DeliversEveryPictureOnceInOrderAtItsTimeThenOneMarker)
-{
-    const char* const h264 = "0-49 end 320x240 25fps 0° from 0";
-    const std::pair<const char*, std::string> cases[] = {
-        {"h264_aac.mp4", std::string("a1 v0 2ch 48000Hz 4B planar; ") + h264},
-        {"mpeg4.mp4", std::string("a-1 v0 0ch 0Hz 0B; ") + h264},
-        {"mpeg1.mpg", std::string("a1 v0 2ch 48000Hz 2B planar early; ") + h264},
-        {"late_start.ts", std::string("a1 v0 2ch 48000Hz 2B planar; ") + h264},
-        // Pictures before the stream's zero keep their negative times.
-        {"negative_start.ts", "a-1 v0 0ch 0Hz 0B; 0-49 end 320x240 25fps 0° from -80000"},
-        {"ntsc.mp4", "a-1 v0 0ch 0Hz 0B; 0-59 end 320x240 29.97fps 0° from 0"},
-        {"anamorphic.mp4", "a-1 v0 0ch 0Hz 0B; 0-24 end 1024x576 25fps 0° from 0"},
-        {"rotated_90.mp4", "a-1 v0 0ch 0Hz 0B; 0-24 end 320x240 25fps 90° from 0"},
-        // The larger of two pictures; the subtitles reach no converter.
-        {"multi_stream.mkv", std::string("a2 v0 2ch 48000Hz 2B; ") + h264},
-        {"no_packets.mp4", "a-1 v0 0ch 0Hz 0B; end"},
-        {"u8_stereo.wav", "a0 v-1 2ch 22050Hz 1B; "},
-        {"six_channels.wav", "a0 v-1 6ch 48000Hz 2B; "},
-    };
-    for (const auto& [file, expected] : cases)
-        EXPECT_EQ(Pump(file), expected) << file;
-}
 
 TEST(MediaInstanceOpen, FailsWithTheMessageOfWhatIsMissing)
 {
     // A codec id renamed at the same length leaves a stream no decoder claims
     // (or, for Vorbis, a set-up header it refuses); an empty id means the
     // file is gone after probing.
-    const struct {
-        const char* file;
-        QByteArray codecId, renamed;
-        const char* message;
-    } cases[] = {
+    const std::tuple<const char*, QByteArray, QByteArray, QString> rows[] = {
         {"h264_aac.mp4", "", "", "File not found: "},
         {"multi_stream.mkv", "A_PCM/INT/LIT", "A_QQQQQQQQQQQ", "Failed to find audio stream (Decoder not found)"},
         {"multi_stream.mkv", "V_MPEG4/ISO/", "V_QQQQQ/ISO/", "Failed to find video stream (Decoder not found)"},
@@ -104,19 +34,19 @@ TEST(MediaInstanceOpen, FailsWithTheMessageOfWhatIsMissing)
         {"vorbis.webm", "\x05vorbis", "\x05vorbiQ",
          "Failed to open audio decoder. (code -1094995529: Invalid data found when processing input)"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.message);
+    for (const auto& [file, id, renamed, message] : rows) {
+        SCOPED_TRACE(message.toStdString());
         QTemporaryDir dir;
-        const QByteArray bytes = ReadFile(c.file);
-        ASSERT_TRUE(bytes.contains(c.codecId));
-        const QString copy = WriteFile(dir.filePath(c.file), QByteArray(bytes).replace(c.codecId, c.renamed));
+        const QByteArray bytes = ReadFile(file);
+        ASSERT_TRUE(bytes.contains(id));
+        const QString copy = WriteFile(dir.filePath(file), QByteArray(bytes).replace(id, renamed));
         MediaInstance instance;
         const auto info = Probe(copy);
         ASSERT_TRUE(instance.Initialize(info, 0));
-        ASSERT_TRUE(!c.codecId.isEmpty() || QFile::remove(copy));
+        ASSERT_TRUE(!id.isEmpty() || QFile::remove(copy));
         LogCapture log;
         EXPECT_FALSE(instance.HasPacket());
-        EXPECT_EQ(log.Messages(), QStringList(c.message + (c.codecId.isEmpty() ? copy : QString())));
+        EXPECT_EQ(log.Messages(), QStringList(message + (id.isEmpty() ? copy : QString())));
         // Whatever was left half open, later calls are safe and show no picture.
         instance.Seek(500000);
         instance.Seek(0);
@@ -143,12 +73,9 @@ TEST(MediaInstanceOpen, AudioMatchesUnderTheChannelCap)
     const auto aac = open("h264_aac.mp4"), stereo = open("s16_stereo.wav"), six = open("six_channels.wav");
     // A cap of 0, the value before the host sets one, means no cap. Float
     // planar never matches 16-bit interleaved of the same channels and rate.
-    for (const auto& [cap, sixOutput, sixMatchesStereo] : {std::tuple{0, 6, false}, {2, 2, true}, {4, 4, false},
-                                                           {8, 6, false}}) {
+    for (const auto& [cap, sixMatchesStereo] : {std::pair{0, false}, {2, true}, {4, false}}) {
         ChannelCap setting(cap);
-        EXPECT_EQ(std::tuple(six->GetChannelCount(), six->GetOutputChannelCount(), stereo->GetOutputChannelCount(),
-                             six->IsAudioMatched(stereo)),
-                  std::tuple(6, sixOutput, std::min(2, sixOutput), sixMatchesStereo)) << "cap " << cap;
+        EXPECT_EQ(six->IsAudioMatched(stereo), sixMatchesStereo) << "cap " << cap;
         EXPECT_TRUE(!stereo->IsAudioMatched(aac) && aac->IsAudioMatched(aac) && !six->IsAudioMatched(nullptr));
     }
 }
@@ -167,7 +94,6 @@ TEST(MediaInstanceLifecycle, ClosingReopensFromTheStartAndReleasesTheFile)
     // A cleared packet is gone until a seek reads again; past the end, a
     // seek leaves the end behind.
     instance.Seek(0);
-    ASSERT_TRUE(instance.HasPacket());
     instance.ClearPacket();
     instance.ClearPacket();
     EXPECT_FALSE(instance.HasPacket() || instance.IsEndOfFile());

@@ -7,26 +7,6 @@
 
 #include <limits>
 
-namespace {
-
-VideoStream MakeVideo(int index, int64_t frameStep, double frameRate, const char* rotate = nullptr)
-{
-    VideoStream stream;
-    stream.isValid = true;
-    stream.index = index;
-    stream.width = 640 + index;
-    stream.height = 360 + index;
-    stream.frameStep = frameStep;
-    stream.frameRate = frameRate;
-    stream.numFrames = 250 + index;
-    stream.startTime = 120000 + index;
-    if (rotate != nullptr)
-        stream.metadata.insert(QStringLiteral("rotate"), QString::fromLatin1(rotate));
-    return stream;
-}
-
-} // namespace
-
 TEST(MediaInfo, StartsUnprobedWithAnIdentityThatCopiesKeep)
 {
     MediaInfo source(QStringLiteral("relative/dir/clip one.mp4"));
@@ -36,7 +16,7 @@ TEST(MediaInfo, StartsUnprobedWithAnIdentityThatCopiesKeep)
     EXPECT_FALSE(source.GetID().isNull() || source.GetID() == MediaInfo(source.filePath).GetID());
     source.sourceId = QUuid::createUuid();
     source.metadata.insert(QStringLiteral("title"), QStringLiteral("x"));
-    source.videoStreams.append(MakeVideo(0, 40000, 25.0));
+    source.videoStreams.append(VideoStream());
     MediaInfo assigned(QStringLiteral("/other.wav"));
     assigned = source;
     for (MediaInfo copy : {MediaInfo(source), assigned}) {
@@ -48,33 +28,43 @@ TEST(MediaInfo, StartsUnprobedWithAnIdentityThatCopiesKeep)
 
 TEST(MediaInfo, TimingAnswersFromTheFirstVideoStreamOnly)
 {
-    // Read back as: duration, start, frames, step, rate, width x height, rotated.
-    const struct {
-        bool isImage;
-        QList<VideoStream> video;
-        const char* timing;
-    } cases[] = {
+    // Whether the source is an image, the rotate tags of its video streams
+    // ("" for none); read back as duration, start, frames, step, rate,
+    // width x height, rotated.
+    const std::tuple<bool, QStringList, const char*> rows[] = {
         {false, {}, "181000000 0 0 0 0 0x0 no"},
         {true, {}, "181000000 0 0 0 0 0x0 no"},
-        {false, {MakeVideo(3, 33366, 29.97), MakeVideo(5, 40000, 25.0, "90")},
-         "181000000 120003 253 33366 29.97 643x363 no"},
-        {true, {MakeVideo(0, -1, -1.0, "270")}, "-1 0 250 -1 -1 640x360 yes"},
+        {false, {"", "90"}, "181000000 120000 250 33366 29.97 640x360 no"},
+        {true, {"270"}, "-1 0 250 -1 -1 640x360 yes"},
         // Only a quarter turn either way counts as rotated.
-        {false, {MakeVideo(0, 40000, 25.0, "90")}, "181000000 120000 250 40000 25 640x360 yes"},
-        {false, {MakeVideo(0, 40000, 25.0, "180")}, "181000000 120000 250 40000 25 640x360 no"},
-        {false, {MakeVideo(0, 40000, 25.0, "-90")}, "181000000 120000 250 40000 25 640x360 no"},
-        {false, {MakeVideo(0, 40000, 25.0, " 90")}, "181000000 120000 250 40000 25 640x360 no"},
+        {false, {"90"}, "181000000 120000 250 33366 29.97 640x360 yes"},
+        {false, {"180"}, "181000000 120000 250 33366 29.97 640x360 no"},
+        {false, {"-90"}, "181000000 120000 250 33366 29.97 640x360 no"},
+        {false, {" 90"}, "181000000 120000 250 33366 29.97 640x360 no"},
     };
-    for (const auto& c : cases) {
+    for (const auto& [isImage, rotates, timing] : rows) {
         MediaInfo info(QStringLiteral("/m.mkv"));
         info.duration = 181000000;
-        info.isImage = c.isImage;
-        info.videoStreams = c.video;
+        info.isImage = isImage;
+        for (int i = 0; i < rotates.size(); ++i) {
+            VideoStream stream; // as probing leaves it; images get no timeline
+            stream.isValid = true;
+            stream.index = 3 + i;
+            stream.width = 640 + i;
+            stream.height = 360 + i;
+            stream.frameStep = isImage ? -1 : 33366 + i;
+            stream.frameRate = isImage ? -1.0 : 29.97 + i;
+            stream.numFrames = 250 + i;
+            stream.startTime = 120000 + i;
+            if (!rotates[i].isEmpty())
+                stream.metadata.insert(QStringLiteral("rotate"), rotates[i]);
+            info.videoStreams.append(stream);
+        }
         EXPECT_EQ(QStringLiteral("%1 %2 %3 %4 %5 %6x%7 %8")
                       .arg(info.GetDuration()).arg(info.GetStartTime()).arg(info.GetNumFrames())
                       .arg(info.GetFrameStep()).arg(info.GetFrameRate()).arg(info.GetVideoWidth())
                       .arg(info.GetVideoHeight()).arg(info.IsVideoRotated() ? "yes" : "no"),
-                  QLatin1String(c.timing));
+                  QLatin1String(timing));
         EXPECT_DOUBLE_EQ(info.GetDurationInSeconds(), double(info.GetDuration()) / 1e6);
     }
 }

@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <string>
 #include <vector>
 
@@ -21,26 +22,27 @@ using VideoRecords = QList<std::shared_ptr<DecodedVideoFrame>>;
 
 // Painted indexes, runs of successive ones as "first-last"; "end" for the
 // end-of-stream marker, WIDTHxHEIGHT for a size-change placeholder (whose
-// one byte carries no index) and "?" for a picture without one.
+// one byte carries no index) and "?" for a picture without one, each
+// repeated word once with its count ("256x144×10").
 inline std::string Pictures(const VideoRecords& video)
 {
-    std::vector<int> indexes;
     std::vector<std::string> words;
     for (const auto& frame : video) {
-        const bool placeholder = frame->data != nullptr && frame->status != 0;
-        indexes.push_back(frame->data == nullptr || placeholder ? -1 : PaintedIndex(*frame));
+        const int index = frame->data == nullptr || frame->status != 0 ? -1 : PaintedIndex(*frame);
         words.push_back(frame->data == nullptr ? "end"
-                        : placeholder          ? std::to_string(frame->width) + "x" + std::to_string(frame->height)
-                        : indexes.back() < 0   ? "?"
-                                               : std::to_string(indexes.back()));
+                        : frame->status != 0   ? std::to_string(frame->width) + "x" + std::to_string(frame->height)
+                        : index < 0            ? "?"
+                                               : std::to_string(index));
     }
     std::string text;
-    for (size_t i = 0; i < words.size(); ++i) {
-        const bool follows = i > 0 && indexes[i] > 0 && indexes[i - 1] == indexes[i] - 1;
-        const bool continued = i + 1 < words.size() && indexes[i] >= 0 && indexes[i + 1] == indexes[i] + 1;
-        if (follows && continued)
-            continue;
-        text += (follows ? "-" : text.empty() ? "" : " ") + words[i];
+    for (size_t i = 0, n = 1; i < words.size(); i += n) {
+        const bool number = std::isdigit(words[i][0]) && words[i].find('x') == std::string::npos;
+        for (n = 1; i + n < words.size(); ++n) {
+            if (number ? words[i + n] != std::to_string(std::stoi(words[i]) + n) : words[i + n] != words[i])
+                break;
+        }
+        const std::string last = n == 1 ? "" : number ? "-" + words[i + n - 1] : "×" + std::to_string(n);
+        text += (text.empty() ? "" : " ") + words[i] + last;
     }
     return text;
 }
