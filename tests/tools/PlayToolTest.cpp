@@ -240,7 +240,9 @@ TEST(PlayTool, EachTickShowsFfmpegsPictureAndTheDeviceGetsFfmpegsSound)
         const QString path = MediaPath(row.file);
         if (!decoded.count(path))
             decoded[path] = {PictureStarts(path), row.soundLead >= 0 ? Pcm(path) : QByteArray()};
-        const auto& [starts, pcm] = decoded[path];
+        // Named, not bound: a lambda below captures them (clang 14).
+        const QList<qint64>& starts = decoded[path].first;
+        const QByteArray& pcm = decoded[path].second;
         const Played run = Play(dir.path(), QStringList{path} + row.arguments);
         ASSERT_EQ(run.program.exitCode, 0) << "-1: crashed or hung; " << run.program.err.toStdString();
         ASSERT_FALSE(run.ticks.isEmpty());
