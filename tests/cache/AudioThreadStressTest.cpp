@@ -35,53 +35,47 @@ std::shared_ptr<DecodedAudioFrame> PatternFrame(uint32_t sequence, int64_t start
     return frame;
 }
 
-// The decoding side: a second of audio, then random work around the play
-// head (while it stands at 0, only trims), counting its steps, until told to
-// stop. The play head, the steps and the stop travel relaxed, so that only
-// the cache's own locking orders the two threads for ThreadSanitizer.
-void Decode(DecodedAudio& cache, std::atomic<long long>& playhead, std::atomic<int>& phase, std::atomic<int>& steps)
-{
-    constexpr auto relaxed = std::memory_order_relaxed;
-    std::mt19937 random(20240611);
-    uint32_t sequence = 0;
-    int64_t next = 0;
-    for (; next < 1000000; next += 1024 * 1000000 / kRate)
-        cache.AppendFrame(PatternFrame(sequence++, next, 1024, -1));
-    for (phase = 1; phase.load(relaxed) == 1; steps.fetch_add(1, relaxed)) {
-        const long long now = playhead.load(relaxed);
-        next = std::max<int64_t>(next, now); // fell behind: a host would seek ahead
-        const unsigned pick = random() % 1000;
-        const int frames = int(random() % 6) * 400, tag = int(random() % 3) - 1;
-        if (next > now + 1000000) {
-            cache.UpdateCache(now - 50000, now + 1000000);
-            std::this_thread::yield();
-        } else if (pick < 800) { // after the newest, sometimes with a gap or an overlap
-            cache.AppendFrame(PatternFrame(sequence++, next, frames, tag));
-            next += int64_t(frames) * 1000000 / kRate + (pick < 200 ? int64_t(random() % 30000) - 10000 : 0);
-        } else if (pick < 880) {
-            cache.UpdateCache(now - int64_t(random() % 100000), now + int64_t(random() % 1000000));
-        } else if (pick < 910) { // in front, on top of what is cached, or before 0
-            const int64_t start = now - int64_t(random() % 200000) + (pick < 900 ? 50000 : -now);
-            cache.AppendFrame(PatternFrame(sequence++, start, frames, tag));
-        } else if (pick < 935) {
-            pick < 920 ? cache.Clear() : pick < 930 ? cache.AppendFrame(nullptr) : cache.ForceClear();
-            next = now;
-        } else if (pick < 960) {
-            cache.SetMaxFrameCount(int(random() % 48)); // 0 drops appends until the next change
-        }
-    }
-}
-
 TEST(AudioThreadStress, FillsStayWholeAndCleanWhileTheDecodingSideChangesTheCache)
 {
+    // The play head, the steps and the stop travel relaxed, so that only the
+    // cache's own locking orders the two threads for ThreadSanitizer.
     constexpr auto relaxed = std::memory_order_relaxed;
     DecodedAudio cache;
     cache.SetMaxFrameCount(8);
+    uint32_t sequence = 0;
+    int64_t next = 0;
+    for (; next < 1000000; next += 1024 * 1000000 / kRate) // the first second, before the fills start
+        cache.AppendFrame(PatternFrame(sequence++, next, 1024, -1));
     std::atomic<long long> playhead{0};
-    std::atomic<int> phase{0}, steps{0};
-    std::thread decoder(Decode, std::ref(cache), std::ref(playhead), std::ref(phase), std::ref(steps));
-    while (phase == 0)
-        std::this_thread::yield();
+    std::atomic<int> steps{0};
+    std::atomic<bool> stop{false};
+    // The decoding side: random work around the play head, counting its steps.
+    std::thread decoder([&] {
+        std::mt19937 random(20240611);
+        for (; !stop.load(relaxed); steps.fetch_add(1, relaxed)) {
+            const long long now = playhead.load(relaxed);
+            next = std::max<int64_t>(next, now); // fell behind: a host would seek ahead
+            const unsigned pick = random() % 1000;
+            const int frames = int(random() % 6) * 400, tag = int(random() % 3) - 1;
+            if (next > now + 1000000) {
+                cache.UpdateCache(now - 50000, now + 1000000);
+                std::this_thread::yield();
+            } else if (pick < 800) { // after the newest, sometimes with a gap or an overlap
+                cache.AppendFrame(PatternFrame(sequence++, next, frames, tag));
+                next += int64_t(frames) * 1000000 / kRate + (pick < 200 ? int64_t(random() % 30000) - 10000 : 0);
+            } else if (pick < 880) {
+                cache.UpdateCache(now - int64_t(random() % 100000), now + int64_t(random() % 1000000));
+            } else if (pick < 910) { // in front, on top of what is cached, or before 0
+                const int64_t start = now - int64_t(random() % 200000) + (pick < 900 ? 50000 : -now);
+                cache.AppendFrame(PatternFrame(sequence++, start, frames, tag));
+            } else if (pick < 935) {
+                pick < 920 ? cache.Clear() : pick < 930 ? cache.AppendFrame(nullptr) : cache.ForceClear();
+                next = now;
+            } else if (pick < 960) {
+                cache.SetMaxFrameCount(int(random() % 48)); // 0 drops appends until the next change
+            }
+        }
+    });
     const double speeds[] = {1.0, 1.0, 1.0, 1.5, 0.5, 2.0, 1.01};
     std::vector<int16_t> buffer(2 * kBuffer);
     long long playTime = 0;
@@ -104,7 +98,7 @@ TEST(AudioThreadStress, FillsStayWholeAndCleanWhileTheDecodingSideChangesTheCach
         for (const int due = steps.load(relaxed) + 8; steps.load(relaxed) < due;)
             std::this_thread::yield();
     }
-    phase.store(2, relaxed);
+    stop.store(true, relaxed);
     decoder.join();
     EXPECT_EQ(wrongCounts, 0);
     EXPECT_EQ(badFrames, 0) << "sample frames neither silence nor appended audio";
