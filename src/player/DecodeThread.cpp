@@ -490,8 +490,11 @@ void Player::Impl::DecodeChunkBefore(int64_t start, std::unique_lock<std::mutex>
     // ahead that the cache's policy asks for.
     const bool backwards = speed < 0.0;
     // The frames to turn round on stay all the while: at most 3/8 of the
-    // cache, so that the chunk gets at least a quarter of it.
-    const int64_t keep = backwards ? std::min(FramesShownDuringChunk(1.0), cacheFrames * 3 / 8) : cacheFrames / 2;
+    // cache, so that the chunk gets at least a quarter of it. Paused, the
+    // frames kept must not be so few that the cache asks for more ahead
+    // before it takes the chunk: it would be decoded only to be dropped.
+    const int64_t keep = backwards ? std::min(FramesShownDuringChunk(1.0), cacheFrames * 3 / 8)
+                                   : std::max<int64_t>(cacheFrames / 2, kFewCachedFrames);
     DropFramesAfter(Now(), keep);
     // Played backwards, what is left to show is shown while the chunk
     // decodes: the chunk is planned for the room that leaves, and takes what

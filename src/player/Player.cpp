@@ -194,7 +194,10 @@ void Player::Impl::PlanBudget(int width, int height)
     cacheFrames = std::max<int64_t>(requestedBudget / frameBytes, 54) - kDecoderPictures;
     budget = cacheFrames * frameBytes;
     plannedFrameBytes = frameBytes;
-    video.SetMaxCacheSize(budget, int(frameBytes / 3 / std::max(1, height)), std::max(1, height), 3);
+    // The cache is full once no picture of this size fits: it counts bytes
+    // before adding one, and smaller pictures (a size change) would let one
+    // more in past the budget.
+    video.SetMaxCacheSize(budget - frameBytes + 1, int(frameBytes / 3 / std::max(1, height)), std::max(1, height), 3);
     openPictureStart = -1;
     stats.videoCacheBudget = std::max(stats.videoCacheBudget, budget);
 }

@@ -48,6 +48,9 @@ inline constexpr int kTrailingPictures = 3;
 // that, a decoder that keeps changing its mind gives missing pictures
 // rather than an endless round of reopening.
 inline constexpr int kMaxSizeSwitches = 4;
+// Fewer cached frames than this always make the video cache ask for more
+// ahead, whatever else it holds.
+inline constexpr int kFewCachedFrames = 30;
 
 // The first audio frame after an open or a seek can come out short (an MP3
 // decoder trims its priming samples) but keeps its packet's time: its true
