@@ -75,14 +75,6 @@ Decoded DecodeAll(MediaInstance& instance, int64_t targetTime, int maxCalls)
     return decoded;
 }
 
-QList<int> PaintedIndexes(const QList<std::shared_ptr<DecodedVideoFrame>>& video)
-{
-    QList<int> indexes;
-    for (const auto& frame : video)
-        indexes << (frame->data ? PaintedIndex(*frame) : -2);
-    return indexes;
-}
-
 namespace {
 // The leak checker preloaded into the test programs is for our code: the
 // system's programs (ffmpeg, ffprobe) run without it, at their own speed.
@@ -92,16 +84,6 @@ QProcessEnvironment SystemProgramEnvironment(QProcessEnvironment environment = Q
     return environment;
 }
 } // namespace
-
-QByteArray RunFfmpeg(const QStringList& args)
-{
-    QProcess process;
-    process.setProcessEnvironment(SystemProgramEnvironment());
-    process.start(QStringLiteral("ffmpeg"), QStringList{"-nostdin", "-v", "error"} + args);
-    EXPECT_TRUE(process.waitForFinished(300000));
-    EXPECT_EQ(process.exitCode(), 0) << process.readAllStandardError().toStdString();
-    return process.readAllStandardOutput();
-}
 
 ProgramRun RunProgram(const QString& program, const QStringList& arguments, int timeoutMillis,
                       const QProcessEnvironment* environment)
@@ -116,6 +98,13 @@ ProgramRun RunProgram(const QString& program, const QStringList& arguments, int 
     run.out = process.readAllStandardOutput();
     run.err = QString::fromUtf8(process.readAllStandardError());
     return run;
+}
+
+QByteArray RunFfmpeg(const QStringList& args)
+{
+    const ProgramRun run = RunProgram(QStringLiteral("ffmpeg"), QStringList{"-nostdin", "-v", "error"} + args);
+    EXPECT_EQ(run.exitCode, 0) << run.err.toStdString();
+    return run.out;
 }
 
 QList<QList<qint64>> ReadCsv(const QString& path, QByteArray* header)

@@ -47,9 +47,6 @@ struct Decoded {
 // HasPacket / DecodePacket until the input ends or maxCalls calls were made.
 Decoded DecodeAll(MediaInstance& instance, int64_t targetTime = -1, int maxCalls = 100000);
 
-// Painted indexes of pictures in order (an end-of-stream marker reads -2).
-QList<int> PaintedIndexes(const QList<std::shared_ptr<DecodedVideoFrame>>& video);
-
 // Standard output of the ffmpeg program run with args; fails the test if it fails.
 QByteArray RunFfmpeg(const QStringList& args);
 
