@@ -16,14 +16,11 @@ using namespace molvane::test;
 
 namespace {
 
-ProgramRun ProbeTool(const QStringList& arguments)
-{
-    return RunProgram(QStringLiteral(MOLVANE_PROBE_PATH), arguments);
-}
+ProgramRun ProbeTool(const QStringList& arguments) { return RunProgram(MOLVANE_PROBE_PATH, arguments); }
 
 QJsonArray ProbeJson(const QStringList& arguments, int exitCode = 0)
 {
-    const ProgramRun run = ProbeTool(QStringList{QStringLiteral("--json")} + arguments);
+    const ProgramRun run = ProbeTool(QStringList{"--json"} + arguments);
     EXPECT_EQ(run.exitCode, exitCode) << run.err.toStdString();
     return QJsonDocument::fromJson(run.out).array();
 }
@@ -45,10 +42,7 @@ TEST(ProbeTool, JsonHoldsEveryFilesRecordWithItsTags)
                            {"image", ProbeJson({QStringLiteral("--image"), MediaPath("still.png")})}};
     ASSERT_EQ(runs["movies"].toArray().size(), 3);
     ASSERT_EQ(runs["image"].toArray().size(), 1);
-    const struct {
-        const char* path;
-        QJsonValue value;
-    } cases[] = {
+    const std::pair<const char*, QJsonValue> cases[] = {
         {"movies/0/filePath", movies[0]}, {"movies/0/duration", 1080000}, {"movies/0/isImage", false},
         {"movies/0/metadata/title", QStringLiteral("Fête d'été")},
         {"movies/0/videoStreams/0/metadata/language", "fra"}, {"movies/0/videoStreams/0/codecName", "h264"},
@@ -65,8 +59,8 @@ TEST(ProbeTool, JsonHoldsEveryFilesRecordWithItsTags)
         {"image/0/isImage", true}, {"image/0/duration", -1}, {"image/0/videoStreams/0/codecName", "png"},
         {"image/0/videoStreams/0/frameRate", -1}, {"image/0/videoStreams/0/numFrames", 1},
     };
-    for (const auto& c : cases)
-        EXPECT_EQ(At(runs, QLatin1String(c.path)), c.value) << c.path;
+    for (const auto& [path, value] : cases)
+        EXPECT_EQ(At(runs, path), value) << path;
 }
 
 TEST(ProbeTool, TextShowsDurationTagsAndStreams)
