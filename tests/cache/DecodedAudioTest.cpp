@@ -50,28 +50,19 @@ Samples Fill(DecodedAudio& cache, int frames, long long playTime, double speed =
 // of one sample frame held, "_count" of silence.
 std::string Describe(const Samples& out)
 {
-    std::ostringstream told;
-    int id = 0, first = 0, count = 0;
-    bool hold = false;
-    const auto flush = [&] {
-        if (count)
-            told << (told.tellp() ? " " : "") << (id < 0 ? "_" : std::to_string(id) + ":" + std::to_string(first))
-                 << (id < 0 ? "" : hold ? "*" : "+") << count;
-    };
-    for (size_t n = 0; n < out.size(); n += 2) {
-        const int v = out[n] - 1, frame = out[n] ? v / 2048 : -1, index = out[n] ? v % 2048 : 0;
-        if (out[n + 1] != -out[n] || v < -1)
-            return "bad sample frame " + std::to_string(n / 2);
-        const bool held = (hold || count == 1) && index == first;
-        if (count && frame == id && (frame < 0 || held || (!hold && index == first + count))) {
-            hold = frame >= 0 && held, ++count;
-        } else {
-            flush();
-            id = frame, first = index, count = 1, hold = false;
+    std::string told;
+    for (size_t n = 0, end = 0; n < out.size(); n = end) {
+        // A run holds its first value if the second repeats it, else counts up from it.
+        const int v = out[n], step = n + 2 < out.size() && v && out[n + 2] == v ? 0 : 1;
+        for (end = n; end < out.size() && out[end] == (v ? v + step * int(end - n) / 2 : 0); end += 2) {
+            if (out[end + 1] != -out[end] || out[end] < 0)
+                return "bad sample frame " + std::to_string(end / 2);
         }
+        const int id = (v - 1) / 2048, index = (v - 1) % 2048, count = int(end - n) / 2;
+        told += (n ? " " : "") + (v ? std::to_string(id) + ":" + std::to_string(index) + (step ? "+" : "*") : "_") +
+                std::to_string(count);
     }
-    flush();
-    return told.str();
+    return told;
 }
 
 // Runs a script and tells what its reporting steps saw. Times in ms:
@@ -109,11 +100,10 @@ std::string Script(const std::string& script)
                 << "-" << (cache.GetEndTime() + 1) / 1000.0 << " " << cache.GetSize() << " ";
         } else if (op == '#') {
             out << cache.GetFrameCount() << " ";
-        } else if (op == 'w' || op == 'r') {
-            int alive = 0;
-            for (const auto& frame : held)
-                alive += frame.expired() ? 0 : 1;
-            op == 'w' ? held.push_back(cache.LastFrame()) : void(out << alive << " ");
+        } else if (op == 'w') {
+            held.push_back(cache.LastFrame());
+        } else if (op == 'r') {
+            out << std::count_if(held.begin(), held.end(), [](const auto& f) { return !f.expired(); }) << " ";
         } else if (std::istringstream whole(token); whole >> a >> sep >> b && sep == '@') {
             int frames = 480, tag = -1;
             while (whole >> sep)
@@ -267,10 +257,7 @@ TEST(DecodedAudio, PlaysADecodedFileSampleFrameBySampleFrameAtEverySpeed)
             cache.UpdateCache(playTime - 20000, playTime + 10000000);
             const Samples out = Fill(cache, buffer - (source == 0 && speed < 1.0), playTime, speed);
             for (size_t i = 0; i < out.size() && wrong < 0; i += 2, ++played) {
-                const long long n = speed == 2.0   ? 2 * played
-                                    : speed == 1.5 ? played * 3 / 2
-                                    : speed < 1.0  ? (played + 1) / 2
-                                                   : played;
+                const auto n = speed < 1.0 ? (played + 1) / 2 : static_cast<long long>(played * speed);
                 if (n < 72000 ? SamplePosition(&out[i], 2) != n : out[i] || out[i + 1])
                     wrong = int(played);
             }

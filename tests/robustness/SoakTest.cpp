@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
+#include <fstream>
 #include <random>
 
 #include <unistd.h>
@@ -18,12 +18,10 @@ namespace {
 
 int64_t ResidentBytes()
 {
-    long pages = 0, resident = 0;
-    FILE* statm = std::fopen("/proc/self/statm", "r");
-    const bool read = statm && std::fscanf(statm, "%ld %ld", &pages, &resident) == 2;
-    if (statm)
-        std::fclose(statm);
-    return read ? int64_t(resident) * sysconf(_SC_PAGESIZE) : -1;
+    std::ifstream statm("/proc/self/statm");
+    long pages = 0, resident = -1;
+    statm >> pages >> resident;
+    return int64_t(resident) * sysconf(_SC_PAGESIZE);
 }
 
 TEST(Soak, HundredsOfJumpsWithDecodingLeaveMemoryFlat)
