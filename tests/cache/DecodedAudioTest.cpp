@@ -204,9 +204,8 @@ TEST(DecodedAudio, FiveMeasurementsOfDriftBeyondTenMillisecondsSkipOrHoldTheAudi
         std::string script = "m16";
         for (int id = 0; id < 12; ++id)
             script += " " + std::to_string(id) + "@" + std::to_string(id * 20) + "+960";
-        script += " f960@0" + speed;
-        for (size_t k = 1; k <= offsets.size(); ++k)
-            script += " f960@" + std::to_string(20 * int(k) + offsets[k - 1] / 1000.0) + speed;
+        for (size_t k = 0; k <= offsets.size(); ++k)
+            script += " f960@" + std::to_string(20 * int(k) + (k ? offsets[k - 1] : 0) / 1000.0) + speed;
         return Script(script);
     };
     const std::string five = "0:0+960 1:0+960 2:0+960 3:0+960 4:0+960 ";

@@ -34,7 +34,6 @@ namespace {
 
 using Bytes = QByteArray;
 constexpr int64_t kStep = 40000; // one picture at 25 fps
-constexpr int kBudget = 5000; // packet calls; no intact clip needs a hundred
 constexpr int kSecond = 1000000;
 
 // Damage d of a file: intact; cut at 10%, 50%, 90%; 40 bit flips past the
@@ -84,7 +83,7 @@ std::string Play(const QString& path)
     MediaInstance instance;
     if (!MediaReader::ParseMedia(info) || !instance.Initialize(info, 0) || !instance.HasPacket())
         return "refused";
-    const Decoded whole = DecodeAll(instance, -1, kBudget);
+    const Decoded whole = DecodeAll(instance, -1, 5000); // packet calls; no intact clip needs a hundred
     EXPECT_FALSE(instance.HasPacket()) << path.toStdString() << ": no end after " << whole.calls << " packet calls";
     // A picture whose bytes disagree with its size is not counted.
     const auto pictures = std::count_if(whole.video.begin(), whole.video.end(), [](const auto& frame) {
@@ -123,12 +122,17 @@ TEST(DamagedMedia, EveryDamagedCopyEndsWithinItsBudgetAndGivesItsRecordedOutcome
 
 using Change = std::function<void(const QString& path)>;
 
-// Another file under the path: the open demuxer keeps the old, unlinked inode.
-Change ReplaceBy(const char* clip)
+// Another file's bytes under the path: in a new file, while the open demuxer
+// keeps the old, unlinked inode; or written in place, where the open demuxer
+// reads them at its old offsets.
+Change ReplaceBy(const char* clip, bool inPlace = false)
 {
-    return [clip](const QString& path) {
-        QFile::remove(path);
-        QFile::copy(MediaPath(clip), path);
+    return [=](const QString& path) {
+        QFile source(MediaPath(clip)), target(path);
+        if (!inPlace)
+            QFile::remove(path);
+        if (source.open(QIODevice::ReadOnly) && target.open(QIODevice::WriteOnly))
+            target.write(source.readAll());
     };
 }
 
@@ -152,13 +156,7 @@ const Case kCases[] = {
     {"replaced by another movie between two jumps", "h264_aac.mp4", {}, ReplaceBy("mpeg4.mp4"),
      "probed; opened; ended with its marker; jump after the change: landed; "
      "not reopened: Failed to find audio stream (Stream not found)"},
-    // Same inode, other bytes: the open demuxer reads them at its old offsets.
-    {"overwritten in place between two jumps", "mpeg2.ts", {},
-     [](const QString& p) {
-         QFile source(MediaPath("mpeg1.mpg")), target(p);
-         source.open(QIODevice::ReadOnly), target.open(QIODevice::WriteOnly | QIODevice::Truncate);
-         target.write(source.readAll());
-     },
+    {"overwritten in place between two jumps", "mpeg2.ts", {}, ReplaceBy("mpeg1.mpg", true),
      "probed; opened; ended with its marker; jump after the change: no picture; reopened"},
 };
 
