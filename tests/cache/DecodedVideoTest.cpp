@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <sstream>
 #include <string>
@@ -17,11 +18,10 @@ using FramePtr = std::shared_ptr<DecodedVideoFrame>;
 
 int64_t Micro(double ms) { return std::llround(ms * 1000); }
 
-// Pictures of 100 bytes; `end` is the first millisecond after the picture.
-FramePtr Picture(double start, double end)
+// Pictures of 100 bytes, or without pixels; `end` is the first millisecond after the picture.
+FramePtr Picture(double start, double end, int bytes = 100)
 {
-    const std::vector<uint8_t> bytes(100, 0x5A);
-    auto frame = std::make_shared<DecodedVideoFrame>(bytes.data(), 100, 4, 4, Micro(start), 25.0, 0, false);
+    auto frame = std::make_shared<DecodedVideoFrame>(nullptr, bytes, 4, 4, Micro(start), 25.0, 0, false);
     frame->endTime = Micro(end) - 1;
     return frame;
 }
@@ -37,26 +37,21 @@ std::string Describe(const DecodedVideo& cache)
     std::vector<FramePtr> walk;
     for (FramePtr f = cache.FirstFrame(); f && walk.size() <= size_t(count); f = cache.GetFrame(f->startTime, 1))
         walk.push_back(f);
-    for (size_t n = 0; n < walk.size(); ++n) {
+    for (size_t n = 0, first = 0; n < walk.size(); ++n) {
         const FramePtr& f = walk[n];
-        const int slot = cache.GetFrameIndex(f->endTime);
-        if (cache.GetFrame(f->endTime, 0) != f || cache.GetFrameAtIndex(slot) != f ||
+        if (cache.GetFrame(f->endTime, 0) != f || cache.GetFrameAtIndex(cache.GetFrameIndex(f->endTime)) != f ||
             cache.GetFrame(f->startTime, -1) != (n ? walk[n - 1] : nullptr))
             faults << " look-up at " << f->startTime;
-        const int64_t length = f->endTime + 1 - f->startTime;
-        size_t last = n;
-        while (last + 1 < walk.size() && walk[last + 1]->endTime + 1 - walk[last + 1]->startTime == length)
-            ++last;
-        out << (n ? "," : "") << f->startTime / 1000.0 << "-" << (walk[last]->endTime + 1) / 1000.0;
-        if (last > n)
-            out << "x" << last - n + 1;
-        n = last;
+        if (n + 1 < walk.size() && walk[n + 1]->endTime - walk[n + 1]->startTime == f->endTime - f->startTime)
+            continue;
+        out << (first ? "," : "") << walk[first]->startTime / 1000.0 << "-" << (f->endTime + 1) / 1000.0
+            << (n > first ? "x" + std::to_string(n - first + 1) : "");
+        first = n + 1;
     }
     if (int(walk.size()) != count || walk.empty() != (cache.LastFrame() == nullptr) ||
         (count && cache.LastFrame() != walk.back()))
         faults << " walked " << walk.size() << " of " << count;
-    const int64_t outside[] = {cache.GetStartTime() - 1, cache.GetEndTime() + 1};
-    for (const int64_t time : outside) {
+    for (const int64_t time : {cache.GetStartTime() - 1, cache.GetEndTime() + 1}) {
         if (cache.GetFrame(time, 0) || cache.GetFrameIndex(time) >= 0)
             faults << " found at " << time;
     }
@@ -72,7 +67,7 @@ std::string Describe(const DecodedVideo& cache)
 //   N@S or N@S/D  N pictures from S, one every D ms (default 40; negative: backwards)
 //   eE          a frame without pixels ending at E;  oE  OverrideLastFrameEndTime(E)
 //   x           an empty pointer;  C  Clear;  F  ForceClear
-//   bN          a budget of N pictures;  sB,W,H,D  SetMaxCacheSize(B, W, H, D)
+//   sB,W,H,D    SetMaxCacheSize(B, W, H, D)
 //   uP/M[p][f]  UpdateCache(P, M, playing, forward): tells F, B or - for the direction allowed
 //   ?  the list;  #  the frame count;  %  the slot count
 //   w  remember the frames held now;  r  how many of them are still alive
@@ -90,13 +85,9 @@ std::string Script(const std::string& script)
         if (op == 'x' || op == 'C' || op == 'F') {
             op == 'x' ? cache.AppendFrame(nullptr) : op == 'C' ? cache.Clear() : cache.ForceClear();
         } else if (op == 'e' && arg >> a) {
-            auto marker = std::make_shared<DecodedVideoFrame>();
-            marker->endTime = Micro(a) - 1;
-            cache.AppendFrame(marker);
+            cache.AppendFrame(Picture(0, a, 0));
         } else if (op == 'o' && arg >> a) {
             cache.OverrideLastFrameEndTime(Micro(a) - 1);
-        } else if (op == 'b' && arg >> a) {
-            cache.SetMaxCacheSize(int64_t(a) * 100, 10, 10, 1);
         } else if (op == 's' && arg >> a >> sep >> b >> sep >> c >> sep >> d) {
             cache.SetMaxCacheSize(int64_t(a), int(b), int(c), int(d));
         } else if (op == 'u' && arg >> a >> sep >> b) {
@@ -105,9 +96,7 @@ std::string Script(const std::string& script)
             out << (cache.CanCacheForwards() ? "F" : "") << (cache.CanCacheBackwards() ? "B" : "")
                 << (cache.CanCacheForwards() || cache.CanCacheBackwards() ? " " : "- ");
         } else if (op == '?' || op == '#' || op == '%' || op == 'r') {
-            int alive = 0;
-            for (const auto& frame : held)
-                alive += frame.expired() ? 0 : 1;
+            const auto alive = std::count_if(held.begin(), held.end(), [](const auto& f) { return !f.expired(); });
             out << (op == '?' ? Describe(cache) : std::to_string(op == '#' ? cache.GetFrameCount()
                                                                : op == '%' ? cache.GetMaxFrameCount() : alive))
                 << " ";
@@ -136,57 +125,48 @@ TEST(DecodedVideo, EachScenarioLeavesTheListAndDecisionsOfItsRow)
     const std::pair<const char*, const char*> rows[] = {
         // Placement: after the newest (which then ends there), before the
         // oldest (ending at its start); known starts and starts inside dropped.
-        {"100 200 0 ?", "0-200x2,200-240"},
-        {"0 100 200 100 0 150 200 ?", "0-200x2,200-240"},
+        {"100 200 0 100 0 150 200 ?", "0-200x2,200-240"},
         // Negative starts become 0 unless the picture ends before 0; a first
         // picture within 1 ms of 0 starts at 0.
         {"-20:-5 -5:30 ?", "0-30"},
         {"0.9 ?  x 1.1 ?", "0-40.9 1.1-41.1"},
         // Without pixels only the newest picture's end moves, and only later
         // than its start; an empty pointer clears.
-        {"0 40 e200 ? e40.001 ? e50 ? x e100 ?", "0-40,40-200 0-40,40-200 0-40,40-50 empty"},
-        {"0 40 o300 ?", "0-40,40-300"},
+        {"0 40 e200 ? e40.001 ? e50 ? o300 ? x e100 ?", "0-40,40-200 0-40,40-200 0-40,40-50 0-40,40-300 empty"},
         // The ring grows by half while one slot is still free; known starts
         // never grow it. Fronts wrap round the ring and grow it in order.
         {"24@0 % 0 920 % 960 %", "25 25 37"},
         {"10@1000 20@960/-40 ? % #", "200-1400x30 37 30"},
-        {"3@1000 2@960/-40 ?", "920-1120x5"},
         // Clear retires the slots: each append releases two of them from the
         // retired vector's end, ForceClear all; the fresh vector never grew.
         // A Clear empties the vector it activates at once.
         {"30@0 w C % r 5@2000 r 5@3000 r 9@4000 r", "25 30 27 17 0"},
-        {"24@0 w x 0 r C r", "23 0"},
-        {"3@0 w C r F r", "3 0"},
+        {"24@0 w x r 0 r C r 3@0 w C r F r", "24 23 0 3 0"},
         // Slots for 1.2 times the pictures that fit, at least 25; a negative
         // argument changes nothing; a budget clears.
         {"s1000000000,1920,1080,3 % s100000000,1920,1080,3 % s2000000000,1920,1080,3 % s5,-1,1,1 % s5000,0,0,3 %",
          "192 25 385 385 25"},
-        {"3@0 b10 # %", "0 25"},
+        {"3@0 s1000,10,10,1 # %", "0 25"},
         // UpdateCache. Pictures of 100 bytes from 1 s on, more media on both
         // sides. Fewer than 30 pictures want more ahead, even playing
         // backwards and full; a budget of 0 is always full.
-        {"b48 29@1000 u1800/9000p #", "F 29"},
-        {"b48 30@1000 u1800/9000p #", "B 30"},
-        {"b20 20@1000 u1400/9000p #", "F 19"},
-        {"b0 5@1000 u1080/9000p #", "F 4"},
+        {"s4800,10,10,1 29@1000 u1800/9000p # 2160 u1800/9000p #", "F 29 B 30"},
+        {"s2000,10,10,1 20@1000 u1400/9000p #", "F 19"},
+        {"s0,10,10,1 5@1000 u1080/9000p #", "F 4"},
         // Full: the trailing side gives a picture up from a quarter of the budget.
-        {"b40 40@1000 u1120/9000pf #", "- 40"},
-        {"b40 40@1000 u1400/9000pf #", "F 39"},
-        {"b40 40@1000 u2240/9000p #", "- 40"},
-        {"b40 40@1000 u2200/9000p #", "B 39"},
-        // Past the cached end forwards, whatever the play direction.
-        {"b40 40@1000 u3000/9000p #", "F 39"},
-        // Paused: 40 % of the budget ahead and 10 % behind in the direction of
-        // motion, the other way round against it; neither: nothing, when full.
-        {"b100 40@1000 u1400/9000 #", "F 40"},
-        {"b100 40@1000 u1000/9000 #", "B 40"},
-        {"b100 40@1000 u2000/9000 u1400/9000 #", "F B 40"},
-        {"b40 40@1000 u1800/9000 #", "- 40"},
-        {"b100 40@1000 u1400/2599 #", "- 40"},
-        {"b100 40@0 u0/9000 #", "F 40"},
         // A recycled picture decoded again stays out: it is inside the range
         // the list started at.
-        {"b40 40@1000 u1400/9000pf 1000 # ?", "F 39 1040-2600x39"},
+        {"s4000,10,10,1 40@1000 u1120/9000pf # u1400/9000pf # 1000 ?", "- 40 F 39 1040-2600x39"},
+        {"s4000,10,10,1 40@1000 u2240/9000p # u2200/9000p #", "- 40 B 39"},
+        // Paused and full with enough on both sides: nothing; past the cached
+        // end: forwards, whatever the play direction.
+        {"s4000,10,10,1 40@1000 u1800/9000 # u3000/9000p #", "- 40 F 39"},
+        // Paused: 40 % of the budget ahead and 10 % behind in the direction of
+        // motion, the other way round against it.
+        {"s10000,10,10,1 40@1000 u1400/9000 u2000/9000 u1400/9000 #", "F F B 40"},
+        {"s10000,10,10,1 40@1000 u1000/9000 #", "B 40"},
+        {"s10000,10,10,1 40@1000 u1400/2599 #", "- 40"},
+        {"s10000,10,10,1 40@0 u0/9000 #", "F 40"},
     };
     for (const auto& [script, expected] : rows)
         EXPECT_EQ(Script(script), expected) << script;
