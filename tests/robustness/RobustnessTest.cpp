@@ -188,7 +188,8 @@ QString PlayChanging(const Case& c, const QString& path)
     // A jump to picture `index` lands when that picture comes within 60 packet calls.
     const auto lands = [&](int index) {
         instance.Seek(index * kStep);
-        return PaintedIndexes(DecodeAll(instance, index * kStep, 60).video).contains(index);
+        const auto video = DecodeAll(instance, index * kStep, 60).video;
+        return std::any_of(video.begin(), video.end(), [&](const auto& p) { return PaintedIndex(*p) == index; });
     };
     lands(8);
     if (c.betweenSeeks)
