@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <memory>
 #include <sstream>
 #include <thread>
 #include <vector>
@@ -81,32 +82,21 @@ const Scenario kScenarios[] = {
     {"undecodable.webm", 8 << 20, "blank speed 1 advance 500000 blank", 0},
     {"undecodable_with_sound.webm", 8 << 20, "speed 1 blank", 1},
 };
-// A device thread filling audio buffers until stopped.
-class Device
-{
-public:
-    explicit Device(molvane::Player& player) : player_(player) { Start(); }
-    ~Device() { Stop(); }
-    void Start()
+// A device thread filling audio buffers while it lives.
+struct Device {
+    explicit Device(molvane::Player& player) : player(player) {}
+    ~Device()
     {
-        stop_ = false;
-        thread_ = std::thread([this] {
-            std::vector<int16_t> buffer(512 * 2);
-            for (; !stop_; std::this_thread::yield())
-                player_.FillAudio(buffer.data(), 512, 1.0);
-        });
+        stop = true;
+        thread.join();
     }
-    void Stop()
-    {
-        stop_ = true;
-        if (thread_.joinable())
-            thread_.join();
-    }
-
-private:
-    molvane::Player& player_;
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
+    molvane::Player& player;
+    std::atomic<bool> stop{false};
+    std::thread thread{[this] {
+        std::vector<int16_t> buffer(512 * 2);
+        for (; !stop; std::this_thread::yield())
+            player.FillAudio(buffer.data(), 512, 1.0);
+    }};
 };
 
 void PrintTo(const Scenario& s, std::ostream* out) { *out << s.file << ": " << s.steps; }
@@ -120,7 +110,7 @@ TEST_P(PlayerScenario, ShowsThePaintedPictureOfEveryTickWithinItsBudget)
     const Scenario& s = GetParam();
     molvane::Player player(s.budget);
     ASSERT_TRUE(player.Open(MediaPath(s.file)));
-    Device device(player);
+    auto device = std::make_unique<Device>(player);
     const auto painted = [&](int64_t time) { return int(time / player.FrameStep()); };
     int shown = -1, backwards = 0;
     std::istringstream words(s.steps);
@@ -171,9 +161,9 @@ TEST_P(PlayerScenario, ShowsThePaintedPictureOfEveryTickWithinItsBudget)
             EXPECT_EQ(PaintedIndex(*frame), painted(player.Position()));
             EXPECT_EQ(player.GetStats().seeks, seeks);
         } else if (word == "open") {
-            device.Stop(); // Open must not overlap other calls
+            device.reset(); // Open must not overlap other calls
             ASSERT_TRUE(player.Open(MediaPath(QString::fromStdString(file))));
-            device.Start();
+            device = std::make_unique<Device>(player);
         } else if (word == "cover") {
             // The cover is shown for the whole sound, decoded once.
             const auto cover = player.WaitFrameAt(0);
@@ -199,7 +189,7 @@ TEST_P(PlayerScenario, ShowsThePaintedPictureOfEveryTickWithinItsBudget)
             FAIL() << "no such step";
         }
     }
-    device.Stop();
+    device.reset();
     const molvane::Player::Stats stats = player.GetStats();
     EXPECT_LE(stats.seeks, s.seeks);
     // MPEG-TS is searched by time, which may land past the key frame.
