@@ -96,14 +96,12 @@ TEST(AudioConverter, EverySampleArrivesAsInterleavedInt16UnderTheChannelCap)
         {"float_stereo.wav", 0, 2, {}, false},
         {"six_channels.wav", 2, 2, {"-ac", "2"}, false},
         {"nine_float.wav", 2, 2, firstTwo, true},
-        {"s16_stereo.wav", 0, 2, {}, false},
         {"u8_stereo.wav", 0, 2, {}, false},
         {"six_channels.wav", 0, 6, {}, false},
         {"six_channels.wav", 8, 6, {}, false},
         {"six_channels.wav", 4, 4, {"-ac", "4"}, false},
         {"nine_s16.wav", 2, 2, firstTwo, false},
         {"format_change.mkv", 0, 2, {}, false},
-        {"multi_stream.mkv", 0, 2, {"-map", "0:a"}, false},
     };
     // Under valgrind the first three: resampled, remixed, and converted by our own loop.
     for (int row = 0; row < (memcheck ? 3 : int(std::size(rows))); ++row) {

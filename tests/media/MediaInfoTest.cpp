@@ -36,8 +36,6 @@ TEST(MediaInfo, TimingAnswersFromTheFirstVideoStreamOnly)
         info.isImage = isImage;
         for (int i = 0; i < rotates.size(); ++i) {
             VideoStream stream; // as probing leaves it; images get no timeline
-            stream.isValid = true;
-            stream.index = 3 + i;
             stream.width = 640 + i;
             stream.height = 360 + i;
             stream.frameStep = isImage ? -1 : 33366 + i;
