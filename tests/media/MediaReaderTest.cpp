@@ -20,11 +20,10 @@ QString Describe(const MediaInfo& info)
 {
     QStringList parts{info.IsInitialized() ? QString::number(info.duration) : QStringLiteral("unprobed")};
     for (const VideoStream& s : info.GetVideoStreams()) {
-        const QString rotate = s.metadata.value(QStringLiteral("rotate"));
-        parts << (s.isValid ? QStringLiteral("v%1 %2 %3x%4 sar%5 %6fps %7us %8f @%9%10")
+        parts << (s.isValid ? QStringLiteral("v%1 %2 %3x%4 sar%5 %6fps %7us %8f @%9")
                                   .arg(s.index).arg(s.codecName).arg(s.width).arg(s.height)
                                   .arg(double(s.pixelAspectRatio)).arg(s.frameRate).arg(s.frameStep)
-                                  .arg(s.numFrames).arg(s.startTime).arg(rotate.isEmpty() ? "" : " rotate" + rotate)
+                                  .arg(s.numFrames).arg(s.startTime)
                             : QStringLiteral("v%1 invalid").arg(s.index));
     }
     for (const AudioStream& s : info.GetAudioStreams()) {
@@ -59,7 +58,6 @@ TEST(MediaReader, ProbesEveryFileToWhatItsRecipeMadeOrFailsWithOneMessage)
     // File, probed as an image, the record and what was logged ("<file>" for its absolute path).
     const std::tuple<const char*, bool, QString> rows[] = {
         {"h264_aac.mp4", false, "2000000; " + h264 + "50f @0; a1 aac 2ch 0x3 48000Hz fltp planar 4B"},
-        {"mpeg4.mp4", false, "2000000; v0 mpeg4 320x240 sar1 25fps 40000us 50f @0"},
         // A duration with a remainder rounds the count up; the program
         // stream's preload puts the first picture at 0.54 s.
         {"mpeg1.mpg", false, "2016000; v0 mpeg1video 320x240 sar1 25fps 40000us 51f @540000; " + mp2},
@@ -78,23 +76,14 @@ TEST(MediaReader, ProbesEveryFileToWhatItsRecipeMadeOrFailsWithOneMessage)
         {"ntsc.mp4", false, "2002000; v0 h264 320x240 sar1 29.97fps 33366us 60f @0"},
         // The average rate, not the stream's real 25, and the declared count.
         {"gap.mp4", false, "400000; v0 mpeg4 64x48 sar1 22.5fps 44444us 9f @0"},
-        {"anamorphic.mp4", false, "1000000; v0 h264 720x576 sar1.42222 25fps 40000us 25f @0"},
-        {"rotated_90.mp4", false, "1000000; " + h264 + "25f @0 rotate90"},
         {"not there.mp4", false, "unprobed [critical] File not found: <file>"},
         {"u8_stereo.wav", false, "1000000; a0 pcm_u8 2ch 0x3 22050Hz u8 packed 1B"},
         {"garbage.mkv", false, unreadable + "-1094995529: Invalid data found when processing input)"},
-        {"float_stereo.wav", false, "1000000; a0 pcm_f32le 2ch 0x3 44100Hz flt packed 4B"},
-        {"six_channels.wav", false, "1000000; a0 pcm_s16le 6ch 0x3f 48000Hz s16 packed 2B"},
         {"a folder.mp4", false, unreadable + "-21: Is a directory)"},
-        {"quad.wav", false, "100000; a0 pcm_s16le 4ch 0x33 48000Hz s16 packed 2B"},
         // No duration: the frame timing keeps its defaults.
         {"no_packets.mp4", false, "-1; v0 h264 320x240 sar1 0fps 0us 0f @0"},
         // Images get no timeline and are not decoded: a late start stays unseen.
-        {"still.png", true, "-1; v0 png 320x240 sar1 -1fps -1us 1f @0"},
         {"late_start.ts", true, "-1; v0 h264 320x240 sar1 -1fps -1us 1f @0; " + mp2},
-        // Its two pictures come out only when the end of the file drains the decoder.
-        {"tagged.mkv", false,
-         "1080000; v0 h264 160x120 sar1 25fps 40000us 27f @1000000; a1 pcm_s16le 1ch 0x4 48000Hz s16 packed 2B"},
         // Stream 1's only picture lies just past the 250 packets the start-time probe reads.
         {"probe_window.mkv", false,
          "2592000; v0 mjpeg 64x48 sar1 25fps 40000us 65f @2480000; v1 mjpeg 64x48 sar1 25fps 40000us 65f @0; "
@@ -119,9 +108,4 @@ TEST(MediaReader, ProbesEveryFileToWhatItsRecipeMadeOrFailsWithOneMessage)
         EXPECT_EQ(outcome.replace(path, "<file>"), record);
         EXPECT_EQ(info->metadata.value(QStringLiteral("host")), QStringLiteral("kept"));
     }
-    // Container and stream tags reach the record.
-    info = Probe(QStringLiteral("tagged.mkv"));
-    EXPECT_EQ(QStringList({info->metadata.value("title"), info->GetVideoStreams()[0].metadata.value("language"),
-                           info->GetAudioStreams()[0].metadata.value("title")}),
-              QStringList({"Fête d'été", "fra", "Commentary"}));
 }

@@ -12,9 +12,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <string>
-#include <vector>
 
 namespace molvane::test {
 
@@ -26,23 +24,23 @@ using VideoRecords = QList<std::shared_ptr<DecodedVideoFrame>>;
 // repeated word once with its count ("256x144×10").
 inline std::string Pictures(const VideoRecords& video)
 {
-    std::vector<std::string> words;
-    for (const auto& frame : video) {
-        const int index = frame->data == nullptr || frame->status != 0 ? -1 : PaintedIndex(*frame);
-        words.push_back(frame->data == nullptr ? "end"
-                        : frame->status != 0   ? std::to_string(frame->width) + "x" + std::to_string(frame->height)
-                        : index < 0            ? "?"
-                                               : std::to_string(index));
-    }
+    const auto word = [&](int i) -> std::string {
+        const DecodedVideoFrame& frame = *video[i];
+        return !frame.data               ? "end"
+               : frame.status != 0       ? std::to_string(frame.width) + "x" + std::to_string(frame.height)
+               : PaintedIndex(frame) < 0 ? "?"
+                                         : "";
+    };
     std::string text;
-    for (size_t i = 0, n = 1; i < words.size(); i += n) {
-        const bool number = std::isdigit(words[i][0]) && words[i].find('x') == std::string::npos;
-        for (n = 1; i + n < words.size(); ++n) {
-            if (number ? words[i + n] != std::to_string(std::stoi(words[i]) + n) : words[i + n] != words[i])
+    for (int i = 0, n = 1; i < video.size(); i += n) {
+        const std::string first = word(i);
+        const int index = first.empty() ? PaintedIndex(*video[i]) : 0;
+        for (n = 1; i + n < video.size() && word(i + n) == first; ++n) {
+            if (first.empty() && PaintedIndex(*video[i + n]) != index + n)
                 break;
         }
-        const std::string last = n == 1 ? "" : number ? "-" + words[i + n - 1] : "×" + std::to_string(n);
-        text += (text.empty() ? "" : " ") + words[i] + last;
+        const std::string last = first.empty() ? "-" + std::to_string(index + n - 1) : "×" + std::to_string(n);
+        text += (i == 0 ? "" : " ") + (first.empty() ? std::to_string(index) : first) + (n == 1 ? "" : last);
     }
     return text;
 }
