@@ -218,6 +218,7 @@ TEST(PlayTool, EachTickShowsFfmpegsPictureAndTheDeviceGetsFfmpegsSound)
         // Sound alone, or longer than the pictures.
         {"tone.mp3", {}, 0}, // its first frame comes out short
         {"s16_stereo.wav", {}, 0},
+        {"positional_6s.wav", {"--duration", "7"}, 0}, // past the end, held there: silence
         {"multi_stream.mkv", {}, 0},
         {"short_video.mkv", {}, 0},
         {"audio_jump.mkv", {}, 0, -1, 0, 1}, // the fill repeats samples where the times jump
