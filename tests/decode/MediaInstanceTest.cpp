@@ -133,7 +133,8 @@ TEST(MediaInstanceLifecycle, CopyDecodesTheRestWhateverBecomesOfTheOriginal)
         fates[fate](original);
         EXPECT_EQ(Pictures(first.video + DecodeAll(survivor).video), "0-49 end") << "fate " << fate;
         // A closed original opens the file afresh, on objects of its own.
-        if (fate == 1)
+        if (fate == 1) {
             EXPECT_EQ(Pictures(DecodeAll(*original).video), "0-49 end");
+        }
     }
 }

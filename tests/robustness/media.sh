@@ -5,7 +5,3 @@ make vp9_vorbis.webm -f lavfi -i "$(paint 160x120 25 25)" -f lavfi -i "$(tone 44
 # MPEG-2 video and MP2 in MPEG-TS, 1 s.
 make mpeg2.ts -f lavfi -i "$(paint 160x120 25 25)" -f lavfi -i "$(tone 48000 1)" \
     -c:v mpeg2video -g 12 -b:v 500k -c:a mp2 -f mpegts
-# The soak run's clip: 10 s of H.264 with B-frames and a key frame every
-# second, AAC stereo.
-make soak_h264.mp4 -f lavfi -i "$(paint 320x240 25 250)" -f lavfi -i "$(tone 48000 10)" \
-    -c:v libx264 -g 25 -bf 2 -c:a aac

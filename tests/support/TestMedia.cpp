@@ -107,14 +107,12 @@ QByteArray RunFfmpeg(const QStringList& args)
     return run.out;
 }
 
-QList<QList<qint64>> ReadCsv(const QString& path, QByteArray* header)
+QList<QList<qint64>> ReadCsv(const QString& path)
 {
     QList<QList<qint64>> rows;
     QFile file(path);
     EXPECT_TRUE(file.open(QIODevice::ReadOnly)) << path.toStdString();
-    const QByteArray first = file.readLine();
-    if (header)
-        *header = first;
+    file.readLine(); // the header
     while (!file.atEnd()) {
         QList<qint64> row;
         for (const QByteArray& field : file.readLine().trimmed().split(','))

@@ -70,7 +70,7 @@ ProgramRun RunProgram(const QString& program, const QStringList& arguments, int 
                       const QProcessEnvironment* environment = nullptr);
 
 // The rows of integers of a CSV file below its header line.
-QList<QList<qint64>> ReadCsv(const QString& path, QByteArray* header = nullptr);
+QList<QList<qint64>> ReadCsv(const QString& path);
 
 // Collects what the library logs in its category while in scope.
 class LogCapture

@@ -121,9 +121,7 @@ Played Play(const QString& out, const QStringList& arguments)
     run.summary = QJsonDocument::fromJson(run.program.out).object();
     if (run.program.exitCode != 0)
         return run;
-    QByteArray header;
-    run.ticks = ReadCsv(out + "/ticks.csv", &header);
-    EXPECT_EQ(header, QByteArray("play_time_us,frame_start_us,late\n"));
+    run.ticks = ReadCsv(out + "/ticks.csv");
     // The muxer writes the canonical header: "fmt " at 12, "data" after it.
     QFile wav(out + "/audio.wav");
     EXPECT_TRUE(wav.open(QIODevice::ReadOnly));
