@@ -8,7 +8,7 @@
 
 #include <MolvaneAV/MediaReader.h>
 
-#include "support/TestMedia.h"
+#include "support/DecodeSummary.h"
 
 #include <gtest/gtest.h>
 
@@ -102,15 +102,11 @@ TEST(DamagedMedia, EveryDamagedCopyEndsWithinItsBudgetAndGivesItsRecordedOutcome
     LogCapture quiet; // broken input makes the library complain; the table is what counts
     QTemporaryDir dir;
     for (const auto& [clip, expected] : kOutcomes) {
-        QFile file(MediaPath(clip));
-        ASSERT_TRUE(file.open(QIODevice::ReadOnly) && dir.isValid());
-        const Bytes original = file.readAll();
+        const Bytes original = ReadFile(clip);
         std::string outcomes;
         for (int d = 0; d < 8; ++d) {
-            QFile damaged(dir.filePath(QString::number(d) + "_" + clip));
-            ASSERT_TRUE(damaged.open(QIODevice::WriteOnly) && damaged.write(Damage(original, d)) > 0);
-            damaged.close();
-            outcomes += (d ? " " : "") + Play(damaged.fileName());
+            const QString copy = dir.filePath(QString::number(d) + "_" + clip);
+            outcomes += (d ? " " : "") + Play(WriteFile(copy, Damage(original, d)));
         }
         EXPECT_TRUE(std::regex_match(outcomes, std::regex(expected))) << clip << ": " << outcomes;
     }
@@ -124,11 +120,9 @@ using Change = std::function<void(const QString& path)>;
 Change ReplaceBy(const char* clip, bool inPlace = false)
 {
     return [=](const QString& path) {
-        QFile source(MediaPath(clip)), target(path);
         if (!inPlace)
             QFile::remove(path);
-        if (source.open(QIODevice::ReadOnly) && target.open(QIODevice::WriteOnly))
-            target.write(source.readAll());
+        WriteFile(path, ReadFile(clip));
     };
 }
 
