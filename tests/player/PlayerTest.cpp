@@ -34,7 +34,8 @@ struct Scenario {
     // "beyond T": waiting for T gives up, out of reach; "nudge T": a jump of
     // T within the cache moves the clock and seeks nothing; "newest": the
     // newest cached picture's end counts as a guess; "open F" another file;
-    // "cover": one picture all along; "blank": no picture, none to wait for.
+    // "cover": one picture all along; "blank": no picture, none to wait for;
+    // "length T": the duration the engine tells, 0 while unknown.
     const char* steps;
     // Exact seeks at most: one per jump that may leave the cache (how much
     // the cache holds after playing backwards depends on the decode's pace),
@@ -62,7 +63,7 @@ const Scenario kScenarios[] = {
     {"h264_aac.mp4", 8 << 20,
      "beyond 1900000 newest seek 700000 speed 1 rest 33 speed -1 ticks 30 speed 0 nudge 80000", 0},
     // No duration in the file: played with no jump first, it decodes on.
-    {"open_ended.mkv", 8 << 20, "speed 1 advance 1000000 ticks 1", 0},
+    {"open_ended.mkv", 8 << 20, "length 0 speed 1 advance 1000000 ticks 1", 0},
     // One key frame for 200 pictures, 42 of them in the budget: backward
     // chunks decode from the start, so they must be long and fit with the cache.
     {"long_gop.mp4", 54 * kPicture, "seek 7999999 speed -1 ticks 200", 1, 20},
@@ -78,7 +79,7 @@ const Scenario kScenarios[] = {
     {"hevc_open_gop.mkv", 8 << 20, "seek 2999999 speed -1 ticks 75 seek 1030000 speed 1 ticks 25", 2},
     {"vp9.webm", 8 << 20, "seek 2999999 speed -2 ticks 37", 1},
     // Cover art, then a movie on the same engine: its own pictures show.
-    {"cover.m4a", 8 << 20, "cover speed 1 advance 1000000 cover open h264_aac.mp4 seek 400000 ticks 1", 1},
+    {"cover.m4a", 8 << 20, "length 2000000 cover speed 1 advance 1000000 cover open h264_aac.mp4 seek 400000 ticks 1", 1},
     {"undecodable.webm", 8 << 20, "blank speed 1 advance 500000 blank", 0},
     {"undecodable_with_sound.webm", 8 << 20, "speed 1 blank", 1},
 };
@@ -129,6 +130,8 @@ TEST_P(PlayerScenario, ShowsThePaintedPictureOfEveryTickWithinItsBudget)
             player.Seek(n);
         } else if (word == "speed") {
             player.SetSpeed(double(n));
+        } else if (word == "length") {
+            EXPECT_EQ(player.Duration(), n);
         } else if (word == "advance") {
             player.Advance(n);
         } else if (word == "ticks" || word == "rest") {
