@@ -9,7 +9,8 @@
 # that crash land in build-fuzz/fuzz-artifacts/TARGET/ and make the script
 # fail (-timeout is generous: a loaded machine must not look like a hang).
 # Keep each one as fuzz/regressions/TARGET/<what-it-shows>: the replay
-# tests run them in every build. MEDIA=folder reuses test media made before.
+# tests run them in every build. MEDIA=folder reuses test media made before;
+# FUZZ_BUILD=folder builds and runs in a build configured before.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 target=$1
@@ -23,13 +24,20 @@ cache_calls_fuzz) max_len=2048 ;;
 *) echo "unknown fuzz target $target" >&2; exit 2 ;;
 esac
 
-CC=clang-14 CXX=clang++-14 cmake -G Ninja -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DMOLVANEAV_BUILD_FUZZ=ON -DMOLVANEAV_SANITIZE=ON -DMOLVANEAV_BUILD_TESTS=OFF -DMOLVANEAV_BUILD_TOOLS=OFF \
-  -DMOLVANEAV_BUILD_BENCH=OFF >/dev/null
-cmake --build "$build" --target "$target" >/dev/null
+# A FUZZ_BUILD of the caller's is used as it is configured (with clang,
+# -DMOLVANEAV_BUILD_FUZZ=ON and -DMOLVANEAV_SANITIZE=ON): the test script
+# fuzzes in its sanitizer build rather than compile the library once more.
+if [[ -z ${FUZZ_BUILD:-} ]]; then
+  CC=clang-14 CXX=clang++-14 cmake -G Ninja -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DMOLVANEAV_BUILD_FUZZ=ON -DMOLVANEAV_SANITIZE=ON -DMOLVANEAV_BUILD_TESTS=OFF -DMOLVANEAV_BUILD_TOOLS=OFF \
+    -DMOLVANEAV_BUILD_BENCH=OFF >/dev/null
+fi
+mkdir -p "$build"
+# Two targets may be fuzzed at once: one build and one media check at a time.
+flock "$build/.fuzz-setup.lock" cmake --build "$build" --target "$target" >/dev/null
 
 # Seeds: the start of every test clip, which is all the fuzzer reads of it.
-"$root/tests/support/make_test_media.sh" "$media" >/dev/null
+flock "$build/.fuzz-setup.lock" "$root/tests/support/make_test_media.sh" "$media" >/dev/null
 seeds=$build/fuzz-seeds/$target corpus=$build/fuzz-corpus/$target artifacts=$build/fuzz-artifacts/$target
 mkdir -p "$seeds" "$corpus" "$artifacts"
 for clip in "$media"/*; do
