@@ -52,6 +52,10 @@ TEST(AudioThreadStress, FillsStayWholeAndCleanWhileTheDecodingSideChangesTheCach
     // The decoding side: random work around the play head, counting its steps.
     std::thread decoder([&] {
         std::mt19937 random(20240611);
+        // The first buffer is filled from the second cached before: on a
+        // loaded machine this thread could otherwise clear it first.
+        while (playhead.load(relaxed) == 0)
+            std::this_thread::yield();
         for (; !stop.load(relaxed); steps.fetch_add(1, relaxed)) {
             const long long now = playhead.load(relaxed);
             next = std::max<int64_t>(next, now); // fell behind: a host would seek ahead
