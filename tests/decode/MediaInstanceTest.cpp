@@ -23,13 +23,14 @@ int OpenFiles()
 
 TEST(MediaInstanceOpen, FailsWithTheMessageOfWhatIsMissing)
 {
-    // A codec id renamed at the same length leaves a stream no decoder claims
-    // (or, for Vorbis, a set-up header it refuses); an empty id means the
-    // file is gone after probing.
+    // A codec id renamed at the same length after probing leaves a stream no
+    // decoder claims (or, for Vorbis, a set-up header it refuses; Theora
+    // finds the set-up headers of MPEG-4); an empty id means the file is gone.
     const std::tuple<const char*, QByteArray, QByteArray, QString> rows[] = {
         {"h264_aac.mp4", "", "", "File not found: "},
         {"multi_stream.mkv", "A_PCM/INT/LIT", "A_QQQQQQQQQQQ", "Failed to find audio stream (Decoder not found)"},
         {"multi_stream.mkv", "V_MPEG4/ISO/", "V_QQQQQ/ISO/", "Failed to find video stream (Decoder not found)"},
+        {"multi_stream.mkv", "MPEG4/ISO/AVC", QByteArray("THEORA\0\0\0\0\0\0\0", 13), "Failed to open video decoder."},
         // Opens half-way: the audio context exists but never opened.
         {"vorbis.webm", "\x05vorbis", "\x05vorbiQ",
          "Failed to open audio decoder. (code -1094995529: Invalid data found when processing input)"},
@@ -39,9 +40,10 @@ TEST(MediaInstanceOpen, FailsWithTheMessageOfWhatIsMissing)
         QTemporaryDir dir;
         const QByteArray bytes = ReadFile(file);
         ASSERT_TRUE(bytes.contains(id));
-        const QString copy = WriteFile(dir.filePath(file), QByteArray(bytes).replace(id, renamed));
-        MediaInstance instance;
+        const QString copy = WriteFile(dir.filePath(file), bytes);
         const auto info = Probe(copy);
+        WriteFile(copy, QByteArray(bytes).replace(id, renamed));
+        MediaInstance instance;
         ASSERT_TRUE(instance.Initialize(info, 0));
         ASSERT_TRUE(!id.isEmpty() || QFile::remove(copy));
         LogCapture log;
