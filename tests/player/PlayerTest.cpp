@@ -35,7 +35,8 @@ struct Scenario {
     // T within the cache moves the clock and seeks nothing; "newest": the
     // newest cached picture's end counts as a guess; "open F" another file;
     // "cover": one picture all along; "blank": no picture, none to wait for;
-    // "length T": the duration the engine tells, 0 while unknown.
+    // "length T": the duration the engine tells, 0 while unknown; "heard B":
+    // a device buffer at the play position finds sound (1) or none (0).
     const char* steps;
     // Exact seeks at most: one per jump that may leave the cache (how much
     // the cache holds after playing backwards depends on the decode's pace),
@@ -81,6 +82,7 @@ const Scenario kScenarios[] = {
     // Cover art, then a movie on the same engine: its own pictures show.
     {"cover.m4a", 8 << 20, "length 2000000 cover speed 1 advance 1000000 cover open h264_aac.mp4 seek 400000 ticks 1", 1},
     {"undecodable.webm", 8 << 20, "blank speed 1 advance 500000 blank", 0},
+    {"late_sound.mkv", 8 << 20, "speed 1 heard 0 seek 600000 heard 1", 1}, // sound from 0.5 s
     {"undecodable_with_sound.webm", 8 << 20, "speed 1 blank", 1},
 };
 // A device thread filling audio buffers while it lives.
@@ -94,8 +96,7 @@ struct Device {
     molvane::Player& player;
     std::atomic<bool> stop{false};
     std::thread thread{[this] {
-        std::vector<int16_t> buffer(512 * 2);
-        for (; !stop; std::this_thread::yield())
+        for (std::vector<int16_t> buffer(512 * 2); !stop; std::this_thread::yield())
             player.FillAudio(buffer.data(), 512, 1.0);
     }};
 };
@@ -132,6 +133,11 @@ TEST_P(PlayerScenario, ShowsThePaintedPictureOfEveryTickWithinItsBudget)
             player.SetSpeed(double(n));
         } else if (word == "length") {
             EXPECT_EQ(player.Duration(), n);
+        } else if (word == "heard") {
+            device.reset(); // one device at a time
+            player.WaitAudio(player.Position() + 1000000);
+            EXPECT_EQ(player.FillAudio(std::vector<int16_t>(512 * 2).data(), 512, 1.0), n != 0);
+            device = std::make_unique<Device>(player);
         } else if (word == "advance") {
             player.Advance(n);
         } else if (word == "ticks" || word == "rest") {

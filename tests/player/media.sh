@@ -3,3 +3,6 @@
 # Sound alone for longer than the engine decodes ahead of the play position
 # (2 s): playing on, it must decode on.
 make positional_6s.wav -f lavfi -i "$(positional 48000 stereo 288000)" -c:a pcm_s16le
+# Pictures from 0, sound from 0.5 s: the first device buffers find none.
+make late_sound.mkv -f lavfi -i "$(paint 320x240 25 25)" -itsoffset 0.5 -f lavfi -i "$(tone 48000 1)" \
+    -c:v libx264 -c:a pcm_s16le

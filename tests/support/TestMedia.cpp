@@ -75,22 +75,16 @@ Decoded DecodeAll(MediaInstance& instance, int64_t targetTime, int maxCalls)
     return decoded;
 }
 
-namespace {
-// The leak checker preloaded into the test programs is for our code: the
-// system's programs (ffmpeg, ffprobe) run without it, at their own speed.
-QProcessEnvironment SystemProgramEnvironment(QProcessEnvironment environment = QProcessEnvironment::systemEnvironment())
-{
-    environment.remove(QStringLiteral("LD_PRELOAD"));
-    return environment;
-}
-} // namespace
-
 ProgramRun RunProgram(const QString& program, const QStringList& arguments, int timeoutMillis,
                       const QProcessEnvironment* environment)
 {
     QProcess process;
-    const QProcessEnvironment inherited = environment ? *environment : QProcessEnvironment::systemEnvironment();
-    process.setProcessEnvironment(QDir::isAbsolutePath(program) ? inherited : SystemProgramEnvironment(inherited));
+    QProcessEnvironment inherited = environment ? *environment : QProcessEnvironment::systemEnvironment();
+    // The leak checker preloaded into the test programs is for our code: the
+    // system's programs (ffmpeg, ffprobe) run without it, at their own speed.
+    if (!QDir::isAbsolutePath(program))
+        inherited.remove(QStringLiteral("LD_PRELOAD"));
+    process.setProcessEnvironment(inherited);
     process.start(program, arguments);
     ProgramRun run;
     if (process.waitForFinished(timeoutMillis) && process.exitStatus() == QProcess::NormalExit)
