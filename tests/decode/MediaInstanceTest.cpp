@@ -12,11 +12,10 @@ using namespace molvane::test;
 
 namespace {
 
-// Files the process holds open; -1 where the system does not tell.
-int OpenFiles()
+// The files the process holds open ("fd") or its threads ("task").
+int Held(const char* what)
 {
-    const QDir descriptors(QStringLiteral("/proc/self/fd"));
-    return descriptors.exists() ? int(descriptors.count()) : -1;
+    return int(QDir(QStringLiteral("/proc/self/") + what).count());
 }
 
 } // namespace
@@ -84,14 +83,15 @@ TEST(MediaInstanceOpen, AudioMatchesUnderTheChannelCap)
 
 TEST(MediaInstanceLifecycle, ClosingReopensFromTheStartAndReleasesTheFile)
 {
-    const int openFiles = OpenFiles();
+    const int openFiles = Held("fd"), threads = Held("task");
     MediaInstance instance;
     const auto info = Probe("h264_aac.mp4");
     ASSERT_TRUE(instance.Initialize(info, 0));
     ASSERT_EQ(Pictures(DecodeAll(instance, -1, 20).video).substr(0, 2), "0-");
     instance.CloseInput();
     instance.CloseInput();
-    EXPECT_EQ(OpenFiles(), openFiles);
+    EXPECT_EQ(Held("fd"), openFiles);
+    EXPECT_EQ(Held("task"), threads); // the decoders' threads end with them
     EXPECT_EQ(Pictures(DecodeAll(instance).video), "0-49 end");
     // A cleared packet is gone until a seek reads again; past the end, a
     // seek leaves the end behind.
@@ -107,7 +107,7 @@ TEST(MediaInstanceLifecycle, ClosingReopensFromTheStartAndReleasesTheFile)
     instance.Shutdown();
     instance.Shutdown();
     instance.CloseInput();
-    EXPECT_EQ(OpenFiles(), openFiles);
+    EXPECT_EQ(Held("fd"), openFiles);
     Decoded none;
     instance.DecodePacket(none.audio, none.video, -1);
     EXPECT_TRUE(!instance.HasPacket() && none.video.isEmpty() && none.audio.isEmpty());
