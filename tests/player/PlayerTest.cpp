@@ -83,7 +83,9 @@ const Scenario kScenarios[] = {
     {"cover.m4a", 8 << 20, "length 2000000 cover speed 1 advance 1000000 cover open h264_aac.mp4 seek 400000 ticks 1", 1},
     {"undecodable.webm", 8 << 20, "blank speed 1 advance 500000 blank", 0},
     {"late_sound.mkv", 8 << 20, "speed 1 heard 0 seek 600000 heard 1", 1}, // sound from 0.5 s
-    {"undecodable_with_sound.webm", 8 << 20, "speed 1 blank", 1},
+    // Playing before the sound is in step seeks (as SetSpeed does whenever
+    // it is not), and turning to sound alone seeks again: one or two by timing.
+    {"undecodable_with_sound.webm", 8 << 20, "speed 1 blank", 2},
 };
 // A device thread filling audio buffers while it lives.
 struct Device {
