@@ -292,19 +292,30 @@ bool VideoDecoder::ConvertPicture(QList<std::shared_ptr<DecodedVideoFrame>>& fra
         return true;
     }
     ApplyColorspace();
-    sws_scale(scaler, frame->data, frame->linesize, 0, height, rgbFrame->data, rgbFrame->linesize);
-
-    // The record keeps the rows in its own layout; the padding of each row is zero.
     auto record = std::make_shared<DecodedVideoFrame>(nullptr, 0, outputWidth, height, startTime, frameRate,
                                                       rotation, isLinearColorSpace);
-    record->data = new uint8_t[static_cast<size_t>(rgbBufferSize)];
-    record->size = rgbBufferSize;
-    const size_t rowBytes = static_cast<size_t>(3 * outputWidth);
     const size_t recordStride = static_cast<size_t>(rgbBufferSize / std::max(height, 1));
-    for (int row = 0; row < height; ++row) {
-        uint8_t* const target = record->data + row * recordStride;
-        std::memcpy(target, rgbBuffer + static_cast<size_t>(row) * scaledStride, rowBytes);
-        std::memset(target + rowBytes, 0, recordStride - rowBytes);
+    if (outputWidth % kScalerPixelBlock == 0 && recordStride == static_cast<size_t>(scaledStride)) {
+        // Rows of whole blocks without padding (widths of multiples of 64,
+        // as most movies have): the converter writes into the record itself,
+        // with room for its vector stores' tail, which saves a copy of every
+        // picture.
+        record->data = new uint8_t[static_cast<size_t>(rgbBufferSize) + kScalerTailPadding];
+        record->size = rgbBufferSize;
+        uint8_t* const planes[4] = {record->data, nullptr, nullptr, nullptr};
+        const int strides[4] = {scaledStride, 0, 0, 0};
+        sws_scale(scaler, frame->data, frame->linesize, 0, height, planes, strides);
+    } else {
+        sws_scale(scaler, frame->data, frame->linesize, 0, height, rgbFrame->data, rgbFrame->linesize);
+        // The record keeps the rows in its own layout; the padding of each row is zero.
+        record->data = new uint8_t[static_cast<size_t>(rgbBufferSize)];
+        record->size = rgbBufferSize;
+        const size_t rowBytes = static_cast<size_t>(3 * outputWidth);
+        for (int row = 0; row < height; ++row) {
+            uint8_t* const target = record->data + row * recordStride;
+            std::memcpy(target, rgbBuffer + static_cast<size_t>(row) * scaledStride, rowBytes);
+            std::memset(target + rowBytes, 0, recordStride - rowBytes);
+        }
     }
     if (isLinearColorSpace) {
         const auto& gamma = GammaTable();
