@@ -87,11 +87,9 @@ TEST(Seek, PlainDecodeDeliversEveryPictureOnceAndSkippingLeadInPicturesChangesNo
         // Ten pictures at 320x240, the size decoding was set up for, then ten
         // at 256x144, which become placeholders. A placeholder ends its call,
         // also while draining: no marker.
-        {"size_change.ts", true,
-         "a-1 v0 0ch 0Hz 0B; 0-9 256x144×7 320x240 25fps 0° from 0"},
+        {"size_change.ts", true, "a-1 v0 0ch 0Hz 0B; 0-9 256x144×7 320x240 25fps 0° from 0"},
         // Its middle part is 480x360.
-        {"ad_break.ts", true,
-         "a1 v0 2ch 48000Hz 2B planar; 0-24 480x360×25 50-74 end 320x240 25fps 0° from 0"},
+        {"ad_break.ts", true, "a1 v0 2ch 48000Hz 2B planar; 0-24 480x360×25 50-74 end 320x240 25fps 0° from 0"},
         // The larger of two pictures; the subtitles reach no converter.
         {"multi_stream.mkv", false, "a2 v0 2ch 48000Hz 2B; " + h264},
         {"no_packets.mp4", false, "a-1 v0 0ch 0Hz 0B; end"},

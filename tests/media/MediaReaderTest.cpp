@@ -43,7 +43,8 @@ TEST(MediaReader, ProbesEveryFileToWhatItsRecipeMadeOrFailsWithOneMessage)
     // Made here, in a folder whose name checks that paths reach FFmpeg as
     // UTF-8: a copy whose H.264 and PCM codec ids no decoder knows (renamed
     // at the same length, so the file stays valid); nine pictures in 0.4 s
-    // at 25 fps, the sixth left out; sources that cannot be read.
+    // at 25 fps, the sixth left out; one picture; 0.4 s of pictures with 1 s
+    // of sound; sources that cannot be read.
     QTemporaryDir dir;
     const QString made = dir.filePath(QStringLiteral("Fête 日本 ✓/"));
     WriteFile(made + "unknown.mkv", ReadFile("multi_stream.mkv")
@@ -51,6 +52,8 @@ TEST(MediaReader, ProbesEveryFileToWhatItsRecipeMadeOrFailsWithOneMessage)
                                         .replace("A_PCM/INT/LIT", "A_QQQQQQQQQQQ"));
     RunFfmpeg({"-f", "lavfi", "-i", "testsrc2=s=64x48:r=25,trim=end_frame=10,select='not(eq(n\\,5))'", "-c:v",
                "mpeg4", "-fps_mode", "passthrough", made + "gap.mp4"});
+    RunFfmpeg({"-f", "lavfi", "-i", "testsrc2=s=64x48:r=25:d=0.4", "-f", "lavfi", "-i", "sine=d=1", "-c:v", "mpeg4",
+               made + "short_picture.mp4", "-map", "0", "-frames:v", "1", "-c:v", "mpeg4", made + "one_picture.mkv"});
     WriteFile(made + "garbage.mkv", QByteArray(4096, 'G'));
     QDir().mkpath(made + "a folder.mp4");
     const QString mp2 = "a1 mp2 2ch 0x3 48000Hz s16p planar 2B", h264 = "v0 h264 320x240 sar1 25fps 40000us ";
@@ -76,6 +79,11 @@ TEST(MediaReader, ProbesEveryFileToWhatItsRecipeMadeOrFailsWithOneMessage)
         {"ntsc.mp4", false, "2002000; v0 h264 320x240 sar1 29.97fps 33366us 60f @0"},
         // The average rate, not the stream's real 25, and the declared count.
         {"gap.mp4", false, "400000; v0 mpeg4 64x48 sar1 22.5fps 44444us 9f @0"},
+        // Counted from the duration: a count it does not declare (Matroska
+        // declares none), one far from it (the sound lasts longer).
+        {"one_picture.mkv", false, "40000; v0 mpeg4 64x48 sar1 25fps 40000us 1f @0"},
+        {"short_picture.mp4", false,
+         "1000000; v0 mpeg4 64x48 sar1 25fps 40000us 25f @0; a1 aac 1ch 0x4 44100Hz fltp planar 4B"},
         {"not there.mp4", false, "unprobed [critical] File not found: <file>"},
         {"u8_stereo.wav", false, "1000000; a0 pcm_u8 2ch 0x3 22050Hz u8 packed 1B"},
         {"garbage.mkv", false, unreadable + "-1094995529: Invalid data found when processing input)"},
@@ -105,7 +113,7 @@ TEST(MediaReader, ProbesEveryFileToWhatItsRecipeMadeOrFailsWithOneMessage)
         QString outcome = Describe(*info);
         for (int i = 0; i < log.Messages().size(); ++i)
             outcome += QString(" [%1] %2").arg(log.Types()[i] == QtInfoMsg ? "info" : "critical", log.Messages()[i]);
-        EXPECT_EQ(outcome.replace(path, "<file>"), record);
+        EXPECT_EQ(outcome.replace(path, "<file>"), record) << outcome.toStdString();
         EXPECT_EQ(info->metadata.value(QStringLiteral("host")), QStringLiteral("kept"));
     }
 }

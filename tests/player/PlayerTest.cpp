@@ -36,7 +36,8 @@ struct Scenario {
     // newest cached picture's end counts as a guess; "open F" another file;
     // "cover": one picture all along; "blank": no picture, none to wait for;
     // "length T": the duration the engine tells, 0 while unknown; "heard B":
-    // a device buffer at the play position finds sound (1) or none (0).
+    // a device buffer at the play position finds sound (1) or none (0);
+    // "decoded N": at rest, N pictures decoded since the file was opened.
     const char* steps;
     // Exact seeks at most: one per jump that may leave the cache (how much
     // the cache holds after playing backwards depends on the decode's pace),
@@ -82,7 +83,10 @@ const Scenario kScenarios[] = {
     // Cover art, then a movie on the same engine: its own pictures show.
     {"cover.m4a", 8 << 20, "length 2000000 cover speed 1 advance 1000000 cover open h264_aac.mp4 seek 400000 ticks 1", 1},
     {"undecodable.webm", 8 << 20, "blank speed 1 advance 500000 blank", 0},
-    {"late_sound.mkv", 8 << 20, "speed 1 heard 0 seek 600000 heard 1", 1}, // sound from 0.5 s
+    // Sound from 0.5 s; paused, the device gets silence, and is told so.
+    {"late_sound.mkv", 8 << 20, "speed 1 heard 0 seek 600000 heard 1 speed 0 heard 0", 1},
+    // Played through once, no picture decoded twice, the end counted as none.
+    {"mpeg4.mp4", 16 << 20, "speed 1 ticks 50 decoded 50", 0},
     // Playing before the sound is in step seeks (as SetSpeed does whenever
     // it is not), and turning to sound alone seeks again: one or two by timing.
     {"undecodable_with_sound.webm", 8 << 20, "speed 1 blank", 2},
@@ -90,11 +94,7 @@ const Scenario kScenarios[] = {
 // A device thread filling audio buffers while it lives.
 struct Device {
     explicit Device(molvane::Player& player) : player(player) {}
-    ~Device()
-    {
-        stop = true;
-        thread.join();
-    }
+    ~Device() { stop = true; thread.join(); }
     molvane::Player& player;
     std::atomic<bool> stop{false};
     std::thread thread{[this] {
@@ -140,6 +140,9 @@ TEST_P(PlayerScenario, ShowsThePaintedPictureOfEveryTickWithinItsBudget)
             player.WaitAudio(player.Position() + 1000000);
             EXPECT_EQ(player.FillAudio(std::vector<int16_t>(512 * 2).data(), 512, 1.0), n != 0);
             device = std::make_unique<Device>(player);
+        } else if (word == "decoded") {
+            player.WaitFrameAt(-1);
+            EXPECT_EQ(player.GetStats().decodedPictures, n);
         } else if (word == "advance") {
             player.Advance(n);
         } else if (word == "ticks" || word == "rest") {
