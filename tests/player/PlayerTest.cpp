@@ -90,6 +90,8 @@ const Scenario kScenarios[] = {
     // Playing before the sound is in step seeks (as SetSpeed does whenever
     // it is not), and turning to sound alone seeks again: one or two by timing.
     {"undecodable_with_sound.webm", 8 << 20, "speed 1 blank", 2},
+    // Sound that never decodes: the pictures play, and the device is told there is none.
+    {"broken_sound.mp4", 16 << 20, "speed 1 heard 0 ticks 50", 1},
 };
 // A device thread filling audio buffers while it lives.
 struct Device {
