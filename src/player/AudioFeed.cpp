@@ -7,7 +7,7 @@ namespace molvane {
 
 int64_t TrueStart(const DecodedAudioFrame& first, const DecodedAudioFrame& next)
 {
-    const bool gap = first.endTime + 1 < next.startTime;
+    const bool gap = first.endTime + 1 < next.startTime && first.startTime < next.startTime;
     return gap ? next.startTime - 1 - (first.endTime - first.startTime) : first.startTime;
 }
 
@@ -83,8 +83,8 @@ void Player::WaitAudio(int64_t time)
     std::unique_lock<std::mutex> lock(d.mutex);
     if (!d.hasAudio)
         return;
+    d.Wake();
     // Until a jump is done, what the cache holds belongs to the old position.
-    // Idle, the thread has seen every change: each one wakes it.
     d.progress.wait(lock, [&] {
         return d.quit || (!d.seekTo && (d.idle || d.audioEnded || d.audio.GetEndTime() >= time + d.audioOffset));
     });

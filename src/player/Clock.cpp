@@ -95,8 +95,8 @@ std::shared_ptr<DecodedVideoFrame> Player::WaitFrameAt(int64_t time)
         return d.cover;
     if (!d.hasVideo)
         return nullptr;
-    // The newest picture may end before time: its successor decides. Idle,
-    // the thread has seen every change, as each one wakes it.
+    d.Wake();
+    // The newest picture may end before time: its successor decides.
     d.progress.wait(lock, [&] { return d.quit || !d.hasVideo || (!d.seekTo && (d.Settled(time) || d.idle)); });
     return d.seekTo || !d.hasVideo ? nullptr : d.video.GetFrame(time, 0);
 }

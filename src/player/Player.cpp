@@ -110,6 +110,7 @@ bool Player::Open(const QString& path, bool isImage, int64_t imageDuration)
     const ContainerFacts facts = isImage ? ContainerFacts() : ReadContainerFacts(path, d.videoStreamIndex);
     // Seeking a second early lands on a key frame before the target.
     d.largeSeekOffset = d.largeSeekOffset || (d.hasVideo && facts.seeksByTime);
+    d.cover.reset();
     if (d.hasVideo && d.hasAudio && facts.attachedPicture) {
         // Cover art: shown for the whole sound from its start, while the
         // instance decodes the sound alone, as in a file without video.
