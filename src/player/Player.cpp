@@ -8,9 +8,21 @@
 #include <climits>
 #include <string>
 
+extern "C" {
+#include <libavutil/cpu.h>
+}
+
 namespace molvane {
 
 namespace {
+
+// The decoder's own pictures, in ours. FFmpeg's automatic threading runs
+// one frame thread more than there are cores, at most 16.
+int64_t DecoderPictures()
+{
+    const int threads = std::min(av_cpu_count() + 1, 16);
+    return kDecoderPictures + 5 * std::max(0, threads - 3) / 2;
+}
 
 // What the container's header says and the library's records do not, read
 // as any host may.
@@ -182,16 +194,16 @@ void Player::Close()
     d.hasVideo = d.hasAudio = false;
 }
 
-// The budget holds the decoder's own pictures (about twelve of ours) and,
-// in all the rest, the cache together with the backward chunk being
+// The budget holds the decoder's own pictures (twelve of ours on two cores)
+// and, in all the rest, the cache together with the backward chunk being
 // decoded: a chunk is only as long as the room the cache leaves it, and the
 // longer it is, the less often reverse play pays for a decode from the key
 // frame. Fewer than 30 cached frames always ask for more ahead, which would
 // stop reverse play: the budget holds at least 42. Empties the video cache.
 void Player::Impl::PlanBudget(int width, int height)
 {
-    const int64_t frameBytes = FrameBytes(width, height);
-    cacheFrames = std::max<int64_t>(requestedBudget / frameBytes, 54) - kDecoderPictures;
+    const int64_t frameBytes = FrameBytes(width, height), decoderPictures = DecoderPictures();
+    cacheFrames = std::max<int64_t>(requestedBudget / frameBytes, 42 + decoderPictures) - decoderPictures;
     budget = cacheFrames * frameBytes;
     plannedFrameBytes = frameBytes;
     // The cache is full once no picture of this size fits: it counts bytes
