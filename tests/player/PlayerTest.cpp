@@ -220,6 +220,9 @@ TEST_P(PlayerScenario, ShowsThePaintedPictureOfEveryTickWithinItsBudget)
     if (s.minChunk > 0) {
         EXPECT_LE(stats.backwardChunks, backwards / s.minChunk + 1);
     }
+    // Closed, it holds nothing of the file.
+    player.Close();
+    EXPECT_TRUE(!player.Info() && !player.HasVideo() && !player.WaitFrameAt(0));
 }
 
 INSTANTIATE_TEST_SUITE_P(Files, PlayerScenario,
