@@ -28,6 +28,9 @@ public:
         // Largest size of the cache and the backward chunk being decoded together.
         int64_t peakPictureBytes = 0;
         int64_t largestFrameBytes = 0;
+        // Largest size of the audio cache after an append: the sound kept
+        // around the play position, not all that was decoded.
+        int64_t peakAudioCacheBytes = 0;
         int64_t decodedPictures = 0;
         int64_t decodedMicros = 0;          // media time of the pictures (or audio) decoded
         double decodeSeconds = 0.0;         // wall time spent inside the library's decoding calls

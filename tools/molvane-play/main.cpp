@@ -320,6 +320,7 @@ int main(int argc, char** argv)
         {"drift_corrections", stats.driftCorrections},
         {"peak_video_cache_bytes", double(stats.peakVideoCacheBytes)},
         {"peak_picture_bytes", double(stats.peakPictureBytes)},
+        {"peak_audio_cache_bytes", double(stats.peakAudioCacheBytes)},
         {"backward_chunks", stats.backwardChunks},
         {"video_cache_budget_bytes", double(stats.videoCacheBudget)},
         {"largest_frame_bytes", double(stats.largestFrameBytes)},
