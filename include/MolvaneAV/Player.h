@@ -48,7 +48,8 @@ public:
     Player& operator=(const Player&) = delete;
 
     // Probes the file and starts decoding at 0, paused. False after the
-    // library logged why. A still is shown for imageDuration.
+    // library logged why: it cannot be read, or has no audio or video
+    // stream. A still is shown for imageDuration.
     bool Open(const QString& path, bool isImage = false, int64_t imageDuration = 5000000);
     void Close();
 
@@ -58,6 +59,8 @@ public:
     // sound alone. True for cover art (a picture the container attaches to
     // sound): the sound drives the clock, and every time shows the cover.
     bool HasVideo() const;
+    // False, likewise, for sound that yields nothing from the start of the
+    // stream to its end in a file without pictures: nothing is left to play.
     bool HasAudio() const;
     // µs from the first frame to the end of the media; 0 while unknown (no
     // length in the file, or sound that goes on past it) until decoding finds the end.

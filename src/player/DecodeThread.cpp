@@ -105,6 +105,9 @@ bool Player::Impl::DecodeCall(VideoList& videoFrames, AudioList& audioFrames, in
     }
     if (ended && hasVideo && !isImage && passFromStart && !passHadPicture)
         noPictures = true;
+    passHadSound = passHadSound || !audioFrames.isEmpty();
+    if (!more && !hasVideo && passFromStart && !passHadSound)
+        hasAudio = false;
     return more;
 }
 
@@ -130,7 +133,7 @@ void Player::Impl::ClearCaches()
 void Player::Impl::Reposition(int64_t time)
 {
     passFromStart = time <= 0 || isImage;
-    passHadPicture = false;
+    passHadPicture = passHadSound = false;
     if (passFromStart)
         instance.CloseInput();
     else

@@ -2,6 +2,7 @@
 
 #include "foundation/FfmpegGuards.h"
 
+#include <MolvaneAV/Logger.h>
 #include <MolvaneAV/MediaReader.h>
 
 #include <algorithm>
@@ -101,10 +102,15 @@ bool Player::Open(const QString& path, bool isImage, int64_t imageDuration)
     d.channels = d.hasAudio ? d.instance.GetOutputChannelCount() : 0;
     d.sampleRate = d.hasAudio ? d.instance.GetSampleRate() : 0;
     d.largeSeekOffset = d.instance.RequiresLargeSeekOffset();
+    if (!d.hasVideo && !d.hasAudio) {
+        // A container of other streams (data, subtitles) or of none.
+        Logger::GetInstance()->Error(QStringLiteral("No audio or video stream to play."));
+        return false;
+    }
     d.instanceInfo = info;
     d.switchesWithoutPicture = 0;
     d.passFromStart = true;
-    d.passHadPicture = false;
+    d.passHadPicture = d.passHadSound = false;
     d.plannedFrameBytes = 0;
     d.chunkSeconds = 0.0;
     if (d.hasVideo) {

@@ -64,7 +64,6 @@ struct Player::Impl {
     // Set by Open before the thread starts, read-only afterwards.
     std::shared_ptr<MediaInfo> info;
     bool isImage = false;
-    bool hasAudio = false;
     const int64_t requestedBudget;
     int64_t streamStart = 0, step = 40000;
     int channels = 0, sampleRate = 0;
@@ -76,6 +75,9 @@ struct Player::Impl {
     // Cleared by the decoding thread when the video yields no picture from
     // the start of the stream to its end: the file then plays as sound.
     std::atomic<bool> hasVideo{false};
+    // Cleared likewise when, without pictures, the sound yields none from
+    // the start to the end: there is nothing to play.
+    std::atomic<bool> hasAudio{false};
     // Cover art: the picture a container attaches to sound, shown for the
     // whole of it while the sound alone is decoded and drives the clock.
     std::shared_ptr<DecodedVideoFrame> cover;
@@ -94,8 +96,8 @@ struct Player::Impl {
     double chunkSeconds = 0.0;
     int switchesWithoutPicture = 0;
     // Whether the input's last repositioning went to the start of the
-    // stream, and whether a picture (of any size) came out since.
-    bool passFromStart = true, passHadPicture = false;
+    // stream, and whether a picture (of any size) or a sound came out since.
+    bool passFromStart = true, passHadPicture = false, passHadSound = false;
 
     DecodedAudio audio; // locks itself
 

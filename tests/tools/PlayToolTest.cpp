@@ -325,7 +325,8 @@ TEST(PlayTool, EachTickShowsFfmpegsPictureAndTheDeviceGetsFfmpegsSound)
 TEST(PlayTool, AFileThatCannotBePlayedEndsWithAMessage)
 {
     QTemporaryDir dir;
-    const QString missing = dir.filePath("missing.mp4"), undecodable = MediaPath("undecodable.webm");
+    const QString missing = dir.filePath("missing.mp4"), undecodable = MediaPath("undecodable.webm"),
+                  silent = MediaPath("broken_sound_live.mka");
     const struct {
         QStringList arguments;
         int exitCode;
@@ -335,6 +336,10 @@ TEST(PlayTool, AFileThatCannotBePlayedEndsWithAMessage)
         // Every picture fails to decode: the end comes, not an endless wait.
         {{undecodable}, 1, "no picture of " + undecodable + " could be decoded"},
         {{undecodable, "--speed", "-1"}, 1, "no picture of " + undecodable + " could be decoded"},
+        {{MediaPath("subtitles_only.mkv")}, 1, "No audio or video stream to play."},
+        // Without a length it would play on for ever: the missing sound ends it (the
+        // duration only bounds a failure of this test).
+        {{silent, "--duration", "60"}, 1, "no sound of " + silent + " could be decoded"},
         {{missing, "--speed", "x"}, 2, "--speed takes a number; 0 needs --duration"},
         {{missing, "--speed", "0"}, 2, "--speed takes a number; 0 needs --duration"},
     };

@@ -69,3 +69,7 @@ make bt2020_10bit.mkv -f lavfi -i "$(paint 320x240 25 50),format=yuv420p10le" -c
 # Sound alone in MPEG-TS, all of it in one PES: the container's duration is
 # that of its first audio frame (23 ms), the sound lasts 232 ms.
 make short_claim.ts -f lavfi -i "$(tone 44100 0.2)" -c:a aac -pes_payload_size 100000 -f mpegts
+# Nothing to play: subtitles alone, and sound whose every byte is damaged in
+# a live recording, which does not say how long it is.
+make subtitles_only.mkv -i "$out/cues.srt" -c:s srt
+make broken_sound_live.mka -f lavfi -i "$(tone 48000 2)" -c:a aac -bsf:a noise=amount=1 -live 1

@@ -206,6 +206,14 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "molvane-play: no picture of %s could be decoded; playing its sound\n",
                      qPrintable(file));
     }
+    // Sound alone: by its first sound, or by the end of a file that has
+    // none, the engine knows whether there is any.
+    if (!player.HasVideo())
+        player.WaitAudio(player.Position() + 1);
+    if (!player.HasVideo() && !player.HasAudio()) {
+        std::fprintf(stderr, "molvane-play: no sound of %s could be decoded\n", qPrintable(file));
+        return 1;
+    }
     const int64_t tick = player.HasVideo() ? player.FrameStep() : 40000; // wall time per display tick
     const int64_t span = requested > 0 ? requested : int64_t(double(speed < 0 ? start : end - start) / std::abs(speed));
     const int64_t ticks = openEnded && speed > 0 ? std::numeric_limits<int64_t>::max()
