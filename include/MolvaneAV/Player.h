@@ -49,7 +49,7 @@ public:
 
     // Probes the file and starts decoding at 0, paused. False after the
     // library logged why: it cannot be read, or has no audio or video
-    // stream. A still is shown for imageDuration.
+    // stream (no video stream for a still). A still is shown for imageDuration.
     bool Open(const QString& path, bool isImage = false, int64_t imageDuration = 5000000);
     void Close();
 
@@ -59,8 +59,9 @@ public:
     // sound alone. True for cover art (a picture the container attaches to
     // sound): the sound drives the clock, and every time shows the cover.
     bool HasVideo() const;
-    // False, likewise, for sound that yields nothing from the start of the
-    // stream to its end in a file without pictures: nothing is left to play.
+    // False, likewise, for sound that yields nothing when played from the
+    // start of the stream to its end, once the pictures are known to yield
+    // none (or there are none): nothing is left to play.
     bool HasAudio() const;
     // µs from the first frame to the end of the media; 0 while unknown (no
     // length in the file, or sound that goes on past it) until decoding finds the end.

@@ -67,7 +67,7 @@ void Player::Impl::PushAudio(std::shared_ptr<DecodedAudioFrame> frame)
 {
     const auto newest = audio.LastFrame();
     audio.AppendFrame(frame);
-    stats.peakAudioCacheBytes = std::max(stats.peakAudioCacheBytes, audio.GetSize());
+    stats.peakAudioCacheBytes = std::max<int64_t>(stats.peakAudioCacheBytes, audio.GetSize() * sizeof(int16_t));
     if (!newest || audio.LastFrame() != frame || newest->sampleRate <= 0)
         return;
     // The device fill plays samples back to back and corrects the clock by

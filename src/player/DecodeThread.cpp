@@ -15,6 +15,8 @@ void Player::Impl::Run()
             // a picture: the file plays as sound alone, from the clock on,
             // which then counts from the first sound.
             hasVideo = false;
+            // The same pass brought no sound either: nothing is left to play.
+            hasAudio = hasAudio && passHadSound;
             ClearCaches();
             if (hasAudio) {
                 lock.unlock();

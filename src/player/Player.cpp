@@ -92,6 +92,14 @@ bool Player::Open(const QString& path, bool isImage, int64_t imageDuration)
     d.instance = MediaInstance();
     if (!d.instance.Initialize(info, 0) || !d.instance.HasPacket())
         return false;
+    // A container of other streams (data, subtitles) or of none; a still
+    // needs a picture.
+    if (d.instance.GetActiveVideoStreamIndex() < 0 && (isImage || d.instance.GetActiveAudioStreamIndex() < 0)) {
+        d.instance.Shutdown();
+        Logger::GetInstance()->Error(isImage ? QStringLiteral("No picture to show.")
+                                             : QStringLiteral("No audio or video stream to play."));
+        return false;
+    }
     d.info = info;
     d.isImage = isImage;
     d.streamStart = 0;
@@ -102,11 +110,6 @@ bool Player::Open(const QString& path, bool isImage, int64_t imageDuration)
     d.channels = d.hasAudio ? d.instance.GetOutputChannelCount() : 0;
     d.sampleRate = d.hasAudio ? d.instance.GetSampleRate() : 0;
     d.largeSeekOffset = d.instance.RequiresLargeSeekOffset();
-    if (!d.hasVideo && !d.hasAudio) {
-        // A container of other streams (data, subtitles) or of none.
-        Logger::GetInstance()->Error(QStringLiteral("No audio or video stream to play."));
-        return false;
-    }
     d.instanceInfo = info;
     d.switchesWithoutPicture = 0;
     d.passFromStart = true;

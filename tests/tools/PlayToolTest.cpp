@@ -326,7 +326,7 @@ TEST(PlayTool, AFileThatCannotBePlayedEndsWithAMessage)
 {
     QTemporaryDir dir;
     const QString missing = dir.filePath("missing.mp4"), undecodable = MediaPath("undecodable.webm"),
-                  silent = MediaPath("broken_sound_live.mka");
+                  silent = MediaPath("broken_sound_live.mka"), nothing = MediaPath("undecodable_all.mkv");
     const struct {
         QStringList arguments;
         int exitCode;
@@ -336,6 +336,7 @@ TEST(PlayTool, AFileThatCannotBePlayedEndsWithAMessage)
         // Every picture fails to decode: the end comes, not an endless wait.
         {{undecodable}, 1, "no picture of " + undecodable + " could be decoded"},
         {{undecodable, "--speed", "-1"}, 1, "no picture of " + undecodable + " could be decoded"},
+        {{nothing}, 1, "no picture of " + nothing + " could be decoded\n"}, // nor any sound to play
         {{MediaPath("subtitles_only.mkv")}, 1, "No audio or video stream to play."},
         // Without a length it would play on for ever: the missing sound ends it (the
         // duration only bounds a failure of this test).

@@ -34,6 +34,9 @@ make vp9_tone.webm -f lavfi -i "$(paint 320x240 25 50)" -f lavfi -i "$(tone 4800
     -cpu-used 8 -b:v 1M -c:a libopus
 derive undecodable.webm vp9_tone.webm -map 0:v -c copy -bsf:v noise=amount=1
 derive undecodable_with_sound.webm vp9_tone.webm -c copy -bsf:v noise=amount=1
+# Damaged Opus still decodes into noise; damaged AAC yields no sound.
+make undecodable_all.mkv -f lavfi -i "$(paint 320x240 25 50)" -f lavfi -i "$(tone 48000 2)" -c:v libvpx-vp9 \
+    -cpu-used 8 -b:v 300k -c:a aac -bsf:v noise=amount=1 -bsf:a noise=amount=1
 
 # Clips like those users own, for the real-world play table, beside the
 # catalogue's and the ones above. With sound, as users have them.
