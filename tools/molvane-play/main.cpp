@@ -307,16 +307,20 @@ int main(int argc, char** argv)
     }
     if (progress)
         ShowProgress(1.0), std::fputc('\n', stderr);
+    // Played out: the engine would go on decoding ahead (or the next chunk
+    // back) while the outputs are written, and hold its pictures till exit.
+    const molvane::Player::Stats stats = player.GetStats();
+    const bool hadPictures = player.HasVideo();
+    player.Close();
     if (!wav.Close(&error))
         std::fprintf(stderr, "molvane-play: %s\n", qPrintable(error));
     csv.close();
     const bool pictureWritten =
-        player.HasVideo() ? WriteContactSheet(out + "/frames.png", sheet, &error)
+        hadPictures ? WriteContactSheet(out + "/frames.png", sheet, &error)
                           : WriteWaveform(out + "/frames.png", heard, &error);
     if (!pictureWritten)
         std::fprintf(stderr, "molvane-play: %s\n", qPrintable(error));
 
-    const molvane::Player::Stats stats = player.GetStats();
     const QJsonObject summary{
         {"file", QFileInfo(file).absoluteFilePath()},
         {"ticks", double(i)},
