@@ -300,6 +300,8 @@ void Player::Impl::ExactSeek(int64_t target, std::unique_lock<std::mutex>& lock)
     // A seek decodes from a key frame, as a backward chunk does: the best
     // guess of what the first chunk costs.
     chunkSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    if (!keyFrames.empty())
+        secondsPerPicture = chunkSeconds / double((target - KeyFrameBefore(target - early)) / step + 1);
 }
 
 void Player::Impl::DecodeForward(std::unique_lock<std::mutex>& lock)
@@ -439,15 +441,56 @@ int64_t Player::Impl::ConvertFrom(int64_t time, int64_t kept) const
     return std::max<int64_t>(-1, time - margin);
 }
 
-// Playing backwards: what is shown while the next chunk decodes, if it
-// costs a quarter more than the last one, and a few frames more.
+// Playing backwards: what is shown while the next chunk decodes. It ends
+// where the cache begins and reaches back about half of it; the first one
+// after a jump decodes the whole GOP before when the jump's key frame is
+// close, which the index foretells.
 int64_t Player::Impl::FramesShownDuringChunk(double atSpeed) const
 {
+    const int64_t start = video.GetStartTime();
+    return FramesShownDuring(std::max(chunkSeconds, DecodeSeconds(start - cacheFrames / 2 * step, start)), atSpeed);
+}
+
+int64_t Player::Impl::FramesToTurnOn() const
+{
+    // Without an index, going back to the newest frame may cost as much
+    // as a chunk.
+    if (keyFrames.empty() || secondsPerPicture <= 0.0)
+        return std::min(FramesShownDuringChunk(1.0), cacheFrames * 3 / 8);
+    // The more frames are kept, the further the newest may lie from its key
+    // frame: a few rounds settle it.
+    int64_t keep = 0;
+    for (int round = 0; round < 3; ++round) {
+        const int64_t newest = Now() + keep * step;
+        keep = FramesShownDuring(DecodeSeconds(newest, newest), 1.0);
+    }
+    return std::min(keep, cacheFrames * 3 / 8);
+}
+
+// A quarter more than foretold, and a few frames more. What is shown while
+// a chunk decodes leaves the cache as it goes, before the chunk's pictures
+// come: it may take up to half of it.
+int64_t Player::Impl::FramesShownDuring(double seconds, double atSpeed) const
+{
     const double perSecond = std::abs(atSpeed) * double(kSecond) / double(step);
-    const int64_t frames = int64_t(std::ceil(perSecond * chunkSeconds * 1.25)) + 4;
-    // What is shown while the chunk decodes leaves the cache as it goes,
-    // before the chunk's pictures come: it may take up to half of it.
+    const int64_t frames = int64_t(std::ceil(perSecond * seconds * 1.25)) + 4;
     return std::min(frames, cacheFrames / 2);
+}
+
+double Player::Impl::DecodeSeconds(int64_t from, int64_t until) const
+{
+    if (keyFrames.empty() || secondsPerPicture <= 0.0)
+        return 0.0;
+    return double(std::max<int64_t>(0, until - KeyFrameBefore(from)) / step + 1) * secondsPerPicture;
+}
+
+int64_t Player::Impl::KeyFrameBefore(int64_t time) const
+{
+    // An index may give a key frame's decoding time, which comes a few
+    // frames before its picture's: counting from later errs on the safe side.
+    const int64_t slack = kKeyFrameSlack * step;
+    const auto after = std::upper_bound(keyFrames.begin(), keyFrames.end(), time - slack);
+    return after == keyFrames.begin() ? 0 : std::max<int64_t>(0, *(after - 1) + slack);
 }
 
 int Player::Impl::FramesBefore(int64_t now) const
@@ -498,8 +541,8 @@ void Player::Impl::DecodeChunkBefore(int64_t start, std::unique_lock<std::mutex>
     // cache, so that the chunk gets at least a quarter of it. Paused, the
     // frames kept must not be so few that the cache asks for more ahead
     // before it takes the chunk: it would be decoded only to be dropped.
-    const int64_t keep = backwards ? std::min(FramesShownDuringChunk(1.0), cacheFrames * 3 / 8)
-                                   : std::max<int64_t>(cacheFrames / 2, kFewCachedFrames);
+    const int64_t keep =
+        backwards ? FramesToTurnOn() : std::max<int64_t>(cacheFrames / 2, kFewCachedFrames);
     DropFramesAfter(Now(), keep);
     // Played backwards, what is left to show is shown while the chunk
     // decodes: the chunk is planned for the room that leaves, and takes what
@@ -514,7 +557,10 @@ void Player::Impl::DecodeChunkBefore(int64_t start, std::unique_lock<std::mutex>
         Reposition(from - (largeSeekOffset && from > 0 ? kSecond : 0));
         lock.lock();
         VideoList pictures; // size-change placeholders among them
-        for (int calls = 0; calls < kMaxCallsPerJob && !quit && !seekTo; ++calls) {
+        // Turned to forward play, the frames kept give the time to go back
+        // to the newest of them, not to finish the chunk first.
+        const auto turned = [&] { return backwards && speed > 0.0; };
+        for (int calls = 0; calls < kMaxCallsPerJob && !quit && !seekTo && !turned(); ++calls) {
             VideoList out;
             AudioList ignored; // reverse play is silent
             // The library leaves the pictures before the chunk unconverted.
@@ -538,12 +584,14 @@ void Player::Impl::DecodeChunkBefore(int64_t start, std::unique_lock<std::mutex>
             if (past)
                 break;
         }
-        if (quit || seekTo || start != video.GetStartTime())
+        if (quit || seekTo || turned() || start != video.GetStartTime())
             return;
         // The costliest chunk since the last jump: going back past a key
         // frame, the next chunk decodes the whole GOP before it.
-        chunkSeconds = std::max(chunkSeconds,
-                                std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
+        const double spent = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+        chunkSeconds = std::max(chunkSeconds, spent);
+        if (!keyFrames.empty())
+            secondsPerPicture = spent / double((start - KeyFrameBefore(from)) / step + 1);
         startReached = pictures.isEmpty();
         startReachedAt = start;
         if (!pictures.isEmpty() || from == 0) {

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <climits>
 #include <string>
+#include <vector>
 
 extern "C" {
 #include <libavutil/cpu.h>
@@ -33,6 +34,9 @@ struct ContainerFacts {
     // seek searches by time and can land after the key frame before its
     // target, where the pictures up to the next key frame are lost.
     bool seeksByTime = false;
+    // The video's key frames from the container's index (µs of the stream,
+    // sorted); empty when it has none.
+    std::vector<int64_t> keyFrames;
 };
 
 ContainerFacts ReadContainerFacts(const QString& path, int videoStreamIndex)
@@ -46,6 +50,16 @@ ContainerFacts ReadContainerFacts(const QString& path, int videoStreamIndex)
     facts.attachedPicture = videoStreamIndex >= 0 && videoStreamIndex < int(input->nb_streams) &&
                             (input->streams[videoStreamIndex]->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0;
     facts.seeksByTime = (input->iformat->flags & AVFMT_TS_DISCONT) != 0;
+    if (videoStreamIndex >= 0 && videoStreamIndex < int(input->nb_streams) && !facts.seeksByTime) {
+        AVStream* const stream = input->streams[videoStreamIndex];
+        const int entries = avformat_index_get_entries_count(stream);
+        for (int i = 0; i < entries; ++i) {
+            const AVIndexEntry* entry = avformat_index_get_entry(stream, i);
+            if (entry && (entry->flags & AVINDEX_KEYFRAME) && entry->timestamp != AV_NOPTS_VALUE)
+                facts.keyFrames.push_back(av_rescale_q(entry->timestamp, stream->time_base, {1, 1000000}));
+        }
+        std::sort(facts.keyFrames.begin(), facts.keyFrames.end());
+    }
     return facts;
 }
 
@@ -131,6 +145,10 @@ bool Player::Open(const QString& path, bool isImage, int64_t imageDuration)
     const ContainerFacts facts = isImage ? ContainerFacts() : ReadContainerFacts(path, d.videoStreamIndex);
     // Seeking a second early lands on a key frame before the target.
     d.largeSeekOffset = d.largeSeekOffset || (d.hasVideo && facts.seeksByTime);
+    d.keyFrames = facts.keyFrames;
+    for (int64_t& key : d.keyFrames)
+        key -= d.streamStart;
+    d.secondsPerPicture = 0.0;
     d.cover.reset();
     if (d.hasVideo && d.hasAudio && facts.attachedPicture) {
         // Cover art: shown for the whole sound from its start, while the

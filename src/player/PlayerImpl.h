@@ -18,6 +18,7 @@
 #include <optional>
 #include <set>
 #include <thread>
+#include <vector>
 
 namespace molvane {
 
@@ -43,6 +44,9 @@ inline constexpr int64_t kDecoderPictures = 12;
 // first frames after a decoder's flush come out wrong (AAC's overlap, MP3's
 // bit reservoir; Opus asks for 80 ms).
 inline constexpr int64_t kAudioPreroll = 100000;
+// Frames by which an index's key-frame time may precede its picture's (the
+// decoding order of B-frames).
+inline constexpr int kKeyFrameSlack = 4;
 // Pictures kept before the target of an exact seek, for stepping back.
 inline constexpr int kTrailingPictures = 3;
 // Size changes followed in a row without a picture coming out: beyond
@@ -94,6 +98,12 @@ struct Player::Impl {
     // Wall time of the costliest backward chunk since the last jump: what is
     // shown while the next one decodes is cached before it starts.
     double chunkSeconds = 0.0;
+    // The video's key frames by the container's index, empty without one;
+    // with them, the wall time per picture decoded from a key frame, as the
+    // last jump or chunk took it (0 while unknown), foretells what a decode
+    // costs before it is made.
+    std::vector<int64_t> keyFrames;
+    double secondsPerPicture = 0.0;
     int switchesWithoutPicture = 0;
     // Whether the input's last repositioning went to the start of the
     // stream, and whether a picture (of any size) or a sound came out since.
@@ -146,6 +156,16 @@ struct Player::Impl {
     int64_t ConvertFrom(int64_t time, int64_t kept) const;
     // Playing backwards: frames shown while the next chunk decodes, at speed.
     int64_t FramesShownDuringChunk(double speed) const;
+    // Playing backwards: frames to keep after now, so that a turn to forward
+    // play shows them while the input goes back to the newest of them.
+    int64_t FramesToTurnOn() const;
+    // Frames shown at speed while a decode of so many seconds runs, with a
+    // margin; at most half the cache.
+    int64_t FramesShownDuring(double seconds, double speed) const;
+    // The seconds a decode from the key frame before from up to until takes,
+    // by the index; 0 without one or before any measure.
+    double DecodeSeconds(int64_t from, int64_t until) const;
+    int64_t KeyFrameBefore(int64_t time) const;
     // Cached frames before the one at now (all when now lies after them).
     int FramesBefore(int64_t now) const;
     // Drops the cached frames more than keep frames after the one at now.
