@@ -221,7 +221,7 @@ void Player::Close()
     d.hasVideo = d.hasAudio = false;
 }
 
-// The budget holds the decoder's own pictures (twelve of ours on two cores)
+// The budget holds the decoder's own pictures (thirteen of ours on two cores)
 // and, in all the rest, the cache together with the backward chunk being
 // decoded: a chunk is only as long as the room the cache leaves it, and the
 // longer it is, the less often reverse play pays for a decode from the key

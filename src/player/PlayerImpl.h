@@ -36,10 +36,11 @@ inline constexpr int kMaxCallsPerJob = 20000;
 // A jump in the audio frames' times that the device fill corrects (µs).
 inline constexpr int64_t kDriftCorrected = 10000;
 // What the decoder holds of its own (reference pictures, one per thread), in
-// pictures of the cache's size: its planes are half as large. One more for
-// the allocator's slack, measured at 1080p with the three frame threads of
-// two cores; each further thread holds about two and a half more.
-inline constexpr int64_t kDecoderPictures = 12;
+// pictures of the cache's size: its planes are half as large. Two more for
+// the allocator's slack, which grows over a long run of backward chunks:
+// measured at 1080p with the three frame threads of two cores, 30 s
+// backwards; each further thread holds about two and a half more.
+inline constexpr int64_t kDecoderPictures = 13;
 // Sound decoded before the target of a jump in a file without video: the
 // first frames after a decoder's flush come out wrong (AAC's overlap, MP3's
 // bit reservoir; Opus asks for 80 ms).
