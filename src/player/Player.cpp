@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <climits>
 #include <string>
+#include <utility>
 #include <vector>
 
 extern "C" {
@@ -142,10 +143,10 @@ bool Player::Open(const QString& path, bool isImage, int64_t imageDuration)
         d.probedHeight = stream.height;
         d.PlanBudget(stream.width, stream.height);
     }
-    const ContainerFacts facts = isImage ? ContainerFacts() : ReadContainerFacts(path, d.videoStreamIndex);
+    ContainerFacts facts = isImage ? ContainerFacts() : ReadContainerFacts(path, d.videoStreamIndex);
     // Seeking a second early lands on a key frame before the target.
     d.largeSeekOffset = d.largeSeekOffset || (d.hasVideo && facts.seeksByTime);
-    d.keyFrames = facts.keyFrames;
+    d.keyFrames = std::move(facts.keyFrames);
     for (int64_t& key : d.keyFrames)
         key -= d.streamStart;
     d.secondsPerPicture = 0.0;
@@ -219,6 +220,7 @@ void Player::Close()
     d.instanceInfo.reset();
     d.cover.reset();
     d.hasVideo = d.hasAudio = false;
+    d.keyFrames.clear();
 }
 
 // The budget holds the decoder's own pictures (thirteen of ours on two cores)
